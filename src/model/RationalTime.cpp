@@ -3,11 +3,10 @@
 #include "model/Check.h"
 
 #include <limits>
+#include <utility>
 
 namespace vantrix {
 namespace {
-
-__extension__ typedef __int128 i128;
 
 std::int64_t checkedMul(std::int64_t a, std::int64_t b, const char* what) {
   std::int64_t r = 0;
@@ -32,32 +31,46 @@ std::int64_t checkedAbs(std::int64_t x) {
   return x < 0 ? -x : x;
 }
 
-// Euclid on absolute values; gcd(x, 0) = x.
+// Binary (Stein) gcd on absolute values; gcd(x, 0) = x. Runs on every mixed-timescale sum in
+// the per-tick time mappings, so it avoids 64-bit division.
 std::int64_t gcd(std::int64_t a, std::int64_t b) {
-  a = checkedAbs(a);
-  b = checkedAbs(b);
-  while (b != 0) {
-    const std::int64_t t = a % b;
-    a = b;
-    b = t;
-  }
-  return a;
+  std::uint64_t x = static_cast<std::uint64_t>(checkedAbs(a));
+  std::uint64_t y = static_cast<std::uint64_t>(checkedAbs(b));
+  if (x == 0) return static_cast<std::int64_t>(y);
+  if (y == 0) return static_cast<std::int64_t>(x);
+  const int shift = __builtin_ctzll(x | y);
+  x >>= __builtin_ctzll(x);
+  do {
+    y >>= __builtin_ctzll(y);
+    if (x > y) std::swap(x, y);
+    y -= x;
+  } while (y != 0);
+  return static_cast<std::int64_t>(x << shift);
 }
 
-// The two operands at their least common timescale, then combined by `op`.
+// The two operands at their least common timescale, then combined by `op`. The per-tick time
+// mappings add mostly times whose timescales divide one another, so that case skips the gcd and
+// costs a single division.
 template <typename Op>
 RationalTime combine(RationalTime a, RationalTime b, Op op) {
-  if (a.timescale() == b.timescale()) {
-    VANTRIX_CHECK(a.timescale() >= 1, "time arithmetic on a timescale below 1");
-    return {op(a.value(), b.value()), a.timescale()};
+  const std::int64_t ta = a.timescale();
+  const std::int64_t tb = b.timescale();
+  if (ta == tb) {
+    VANTRIX_CHECK(ta >= 1, "time arithmetic on a timescale below 1");
+    return {op(a.value(), b.value()), ta};
   }
-  const std::int64_t g = gcd(a.timescale(), b.timescale());
-  VANTRIX_CHECK(g != 0, "time arithmetic with two zero timescales");
-  const std::int64_t lcm = checkedMul(a.timescale() / g, b.timescale(), "common timescale overflows 64 bits");
+  VANTRIX_CHECK(ta != 0 && tb != 0, "time arithmetic with a zero timescale");
+  if (ta > 0 && tb > 0) {
+    if (ta > tb && ta % tb == 0)
+      return {op(a.value(), checkedMul(b.value(), ta / tb, "rescaled time overflows 64 bits")), ta};
+    if (tb > ta && tb % ta == 0)
+      return {op(checkedMul(a.value(), tb / ta, "rescaled time overflows 64 bits"), b.value()), tb};
+  }
+  const std::int64_t g = gcd(ta, tb);
+  const std::int64_t lcm = checkedMul(ta / g, tb, "common timescale overflows 64 bits");
   VANTRIX_CHECK(lcm >= 1, "common timescale below 1");
-  VANTRIX_CHECK(a.timescale() != 0 && b.timescale() != 0, "time arithmetic with a zero timescale");
-  const std::int64_t sa = checkedMul(a.value(), lcm / a.timescale(), "rescaled time overflows 64 bits");
-  const std::int64_t sb = checkedMul(b.value(), lcm / b.timescale(), "rescaled time overflows 64 bits");
+  const std::int64_t sa = checkedMul(a.value(), lcm / ta, "rescaled time overflows 64 bits");
+  const std::int64_t sb = checkedMul(b.value(), lcm / tb, "rescaled time overflows 64 bits");
   return {op(sa, sb), lcm};
 }
 
@@ -91,16 +104,12 @@ RationalTime RationalTime::convertedToTimescale(std::int64_t n) const {
   return {result, n};
 }
 
-bool operator==(RationalTime a, RationalTime b) {
-  return i128{a.m_value} * b.m_timescale == i128{b.m_value} * a.m_timescale;
+RationalTime operator+(RationalTime a, RationalTime b) {
+  return combine(a, b, [](std::int64_t x, std::int64_t y) { return checkedAdd(x, y); });
 }
-
-std::strong_ordering operator<=>(RationalTime a, RationalTime b) {
-  return i128{a.m_value} * b.m_timescale <=> i128{b.m_value} * a.m_timescale;
+RationalTime operator-(RationalTime a, RationalTime b) {
+  return combine(a, b, [](std::int64_t x, std::int64_t y) { return checkedSub(x, y); });
 }
-
-RationalTime operator+(RationalTime a, RationalTime b) { return combine(a, b, checkedAdd); }
-RationalTime operator-(RationalTime a, RationalTime b) { return combine(a, b, checkedSub); }
 
 RationalTime RationalTime::dividedBy(std::int64_t m) const {
   const std::int64_t ts = checkedMul(m_timescale, m, "scaled timescale overflows 64 bits");

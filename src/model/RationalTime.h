@@ -55,8 +55,14 @@ class RationalTime {
   // Seconds as a double, for display and pixel arithmetic only; never for edit decisions.
   double seconds() const { return static_cast<double>(m_value) / static_cast<double>(m_timescale); }
 
-  friend bool operator==(RationalTime a, RationalTime b);
-  friend std::strong_ordering operator<=>(RationalTime a, RationalTime b);
+  // Exact: cross products in 128-bit arithmetic. Inline because the time mappings compare on every
+  // segment of every player tick.
+  friend bool operator==(RationalTime a, RationalTime b) {
+    return Wide{a.m_value} * b.m_timescale == Wide{b.m_value} * a.m_timescale;
+  }
+  friend std::strong_ordering operator<=>(RationalTime a, RationalTime b) {
+    return Wide{a.m_value} * b.m_timescale <=> Wide{b.m_value} * a.m_timescale;
+  }
   friend RationalTime operator+(RationalTime a, RationalTime b);
   friend RationalTime operator-(RationalTime a, RationalTime b);
 
@@ -71,6 +77,8 @@ class RationalTime {
   std::string toString() const;
 
  private:
+  __extension__ typedef __int128 Wide;
+
   std::int64_t m_value = 0;
   std::int64_t m_timescale = 1;
 };

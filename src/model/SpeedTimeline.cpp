@@ -101,25 +101,27 @@ RationalTime SpeedTimeline::outputTimeForSource(RationalTime t) const {
 }
 
 RationalTime SpeedTimeline::sourceTimeForOutput(RationalTime o) const {
-  const RationalTime total = outputTimeForSource(m_trimEnd);
-  if (o.value() < 0) o = RationalTime::zero();
-  const RationalTime c = o > total ? total : o;
+  // One pass: an o past the output length walks past every segment and is caught by the final
+  // clamp to trimEnd, which is the instant the length maps back to, so no separate length pass
+  // is needed.
+  const RationalTime c = o.value() < 0 ? RationalTime::zero() : o;
 
   RationalTime out = RationalTime::zero();
   RationalTime cursor = m_trimStart;
   for (const SpeedSegment& s : m_segments) {
     const std::int64_t m = multiplier(s.speed);
-    if (c <= out + (s.start - cursor)) return cursor + (c - out);
-    out = out + (s.start - cursor);
-    if (c <= out + (s.end - s.start).dividedBy(m)) {
+    const RationalTime gapEnd = out + (s.start - cursor);
+    if (c <= gapEnd) return cursor + (c - out);
+    out = gapEnd;
+    const RationalTime segmentEnd = out + (s.end - s.start).dividedBy(m);
+    if (c <= segmentEnd) {
       const RationalTime r = s.start + (c - out).multipliedBy(m);
       return r > s.end ? s.end : r;
     }
-    out = out + (s.end - s.start).dividedBy(m);
+    out = segmentEnd;
     cursor = s.end;
   }
   const RationalTime r = cursor + (c - out);
   return r > m_trimEnd ? m_trimEnd : r;
 }
-
 }  // namespace vantrix
