@@ -38,17 +38,24 @@ struct FixtureSpec {
   bool variableFrameRate = false;  // frame durations alternate irregularly around the nominal rate
   double seconds = 3;
   int rotation = 0;  // 0, 90, 180 or 270 degrees in the display matrix; content is upright when displayed
+                    // (clockwise turn from stored to displayed, which ffprobe reports as -90 for 90)
   AudioLayout audio = AudioLayout::stereo;
   AudioCodec audioCodec = AudioCodec::aac;
   bool audioOnly = false;     // no video stream at all
   bool coverArtOnly = false;  // audio plus an attached picture as the only "video" stream
   Damage damage = Damage::none;
   int gopFrames = 30;  // keyframe interval in frames
+  int sampleRate = 48000;  // audio samples per second
 
   friend bool operator==(const FixtureSpec&, const FixtureSpec&) = default;
 };
 
-// The generated file's path (generated on first use, then cached for the process).
+// The generated file's path (generated on first use, then cached for the process). The folder is
+// removed when the process exits, unless VANTRIX_KEEP_FIXTURES is set in the environment.
+// Muxers: mov for .mov, mp4 for .mp4, ipod for .m4v, and mov whatever the extension for PCM
+// audio (the MPEG-4 muxers here refuse it). A recipe that cannot be written (a bad rotation,
+// Motion JPEG in .m4v, ...) throws std::runtime_error naming the cause, which GoogleTest reports
+// as the calling test's failure.
 std::filesystem::path fixture(const FixtureSpec& spec);
 
 // The recipe's source frame i is shown at this time (exact, in the stream's time base).
@@ -57,8 +64,9 @@ RationalTime frameTime(const FixtureSpec& spec, std::int64_t frameIndex);
 std::int64_t frameCount(const FixtureSpec& spec);
 
 // Tone of source second s (Hz); distinct for every second and far enough apart to separate
-// after AAC coding.
+// after AAC coding. The tones repeat every kDistinctToneSeconds seconds.
 double toneForSecond(int second);
+inline constexpr int kDistinctToneSeconds = 60;
 
 // Reads the barcode of an upright picture (as displayed). nullopt when no valid code is visible,
 // e.g. for a picture shown sideways or upside down.
@@ -67,16 +75,24 @@ std::optional<std::int64_t> readBarcode(const QImage& image);
 // One decoded video frame of a file.
 struct DecodedFrame {
   RationalTime time;      // presentation time in the stream's time base
-  RationalTime duration;  // the frame's duration (packet duration, else the gap to the next frame)
+  RationalTime duration;  // the gap to the next frame's time; for the last frame, up to the stream's
+                          // end (start time + duration) when that is later, else its packet duration
   std::optional<std::int64_t> barcode;
 };
 
 // Every frame of the first video stream in presentation order, read upright (the display
-// matrix is applied before reading the barcode).
+// matrix is applied before reading the barcode). Attached pictures (cover art) are not video.
+// Empty when the file cannot be opened or has no video; decoding stops at the first error.
 std::vector<DecodedFrame> readFrames(const std::filesystem::path& file);
+
+// The same frames as pictures as displayed (display matrix applied), Format_RGB32.
+std::vector<QImage> readPictures(const std::filesystem::path& file);
 
 // The source second whose tone dominates each window of the first audio stream, from time 0 in
 // steps of `window` seconds (channels mixed down); -1 for digital silence, -2 for anything else.
+// Seconds are reported modulo kDistinctToneSeconds. Windows of 0.05 s and longer separate the
+// tones; a window straddling a change of tone is -2 unless one tone fills most of it. A last
+// window less than half covered by audio is left out. Empty when there is no audio to decode.
 std::vector<int> dominantSeconds(const std::filesystem::path& file, double window);
 
 }  // namespace vantrix::testing

@@ -1,0 +1,24 @@
+#pragma once
+
+// Internal to the fixture library: encoding one recipe, and the recipe's frame timing that the
+// writer and the public frameTime/frameCount share.
+
+#include "MediaFixture.h"
+
+#include <cstdint>
+#include <filesystem>
+
+namespace vantrix::testing {
+
+// Writes the undamaged file of `spec` to `path` with libavformat/libavcodec. Throws
+// std::runtime_error naming the failing step; a partly written file may remain at `path`.
+void writeFixture(const FixtureSpec& spec, const std::filesystem::path& path);
+
+// Ticks per second of the recipe's video stream.
+std::int64_t videoTimescale(const FixtureSpec& spec);
+// Start of source frame i in those ticks (frame i + 1 gives its end).
+std::int64_t frameTicks(const FixtureSpec& spec, std::int64_t frameIndex);
+// Throws std::runtime_error when the recipe asks for something the writer cannot make.
+void validate(const FixtureSpec& spec);
+
+}  // namespace vantrix::testing
