@@ -1,0 +1,34 @@
+#include "media/MediaAsset.h"
+
+#include "media/TimeMath.h"
+
+namespace vantrix {
+
+using timemath::mul;
+using timemath::narrow;
+using timemath::roundDiv;
+
+MediaAsset::MediaAsset(std::filesystem::path path, std::optional<VideoTrack> video, std::optional<AudioTrack> audio)
+    : m_path(std::move(path)), m_video(std::move(video)), m_audio(std::move(audio)) {}
+
+RationalTime MediaAsset::duration() const { return m_video ? m_video->duration : RationalTime::zero(); }
+
+RationalTime MediaAsset::origin() const {
+  if (!m_video) return RationalTime::zero();
+  return {narrow(mul(m_video->firstTimestamp, m_video->timeBase.num)), m_video->timeBase.den};
+}
+
+std::int64_t MediaAsset::timestampForSourceTime(RationalTime t, AVRational timeBase) const {
+  // (t + origin) seconds * den / num ticks, in one rounding.
+  const RationalTime o = origin();
+  const auto seconds = mul(t.value(), o.timescale()) + mul(o.value(), t.timescale());
+  const auto numerator = mul(seconds, timeBase.den);
+  const auto denominator = mul(mul(t.timescale(), o.timescale()), timeBase.num);
+  return narrow(roundDiv(numerator, denominator));
+}
+
+RationalTime MediaAsset::sourceTimeForTimestamp(std::int64_t timestamp, AVRational timeBase) const {
+  return RationalTime(narrow(mul(timestamp, timeBase.num)), timeBase.den) - origin();
+}
+
+}  // namespace vantrix

@@ -1,0 +1,31 @@
+#include "media/MediaInput.h"
+
+namespace vantrix {
+
+int MediaInput::interrupted(void* token) { return static_cast<const std::stop_token*>(token)->stop_requested() ? 1 : 0; }
+
+MediaError mediaCallFailed(int averror, bool stopRequested, std::string context) {
+  if (stopRequested || averror == AVERROR_EXIT) return MediaError::own(MediaError::Code::cancelled, std::move(context));
+  return MediaError::ffmpeg(averror, std::move(context));
+}
+
+std::expected<MediaInput, MediaError> MediaInput::open(const std::filesystem::path& path, std::stop_token stop) {
+  MediaInput input;
+  input.m_stop = std::make_unique<std::stop_token>(std::move(stop));
+  const std::string name = path.filename().string();
+
+  AVFormatContext* raw = avformat_alloc_context();
+  if (raw == nullptr) return std::unexpected(MediaError::ffmpeg(AVERROR(ENOMEM), "Allocating a demuxer for " + name));
+  raw->interrupt_callback = {&MediaInput::interrupted, input.m_stop.get()};
+  // On failure avformat_open_input frees the context and nulls the pointer.
+  if (const int r = avformat_open_input(&raw, path.c_str(), nullptr, nullptr); r < 0)
+    return std::unexpected(mediaCallFailed(r, input.stopRequested(), "Opening " + name));
+  input.m_context.reset(raw);
+
+  if (const int r = avformat_find_stream_info(raw, nullptr); r < 0)
+    return std::unexpected(mediaCallFailed(r, input.stopRequested(), "Reading the streams of " + name));
+  if (input.stopRequested()) return std::unexpected(MediaError::own(MediaError::Code::cancelled, "Opening " + name));
+  return input;
+}
+
+}  // namespace vantrix
