@@ -3,6 +3,8 @@
 
 BUILD      ?= build
 ASAN_BUILD ?= build-asan
+FUZZ_BUILD ?= build-fuzz
+FUZZ_SECONDS ?= 600
 CMAKE_ARGS ?=
 JOBS       ?= $(shell nproc)
 
@@ -12,11 +14,11 @@ DEPS := cmake ninja-build g++ pkg-config make \
         nlohmann-json3-dev \
         qt6-base-dev qt6-multimedia-dev libgl-dev \
         libavformat-dev libavcodec-dev libavutil-dev libswscale-dev libswresample-dev \
-        ffmpeg xvfb xauth clang libclang-rt-14-dev
+        ffmpeg xvfb xauth time clang-16 libclang-rt-16-dev
 
 SUDO := $(shell [ "$$(id -u)" -eq 0 ] || echo sudo)
 
-.PHONY: deps configure build test bench sanitize run clean
+.PHONY: deps configure build test bench sanitize fuzz run clean
 
 deps:
 	@missing=$$(for p in $(DEPS); do dpkg-query -W -f='$${Status}\n' $$p 2>/dev/null | grep -q '^install ok installed$$' || echo $$p; done); \
@@ -43,8 +45,19 @@ sanitize: deps
 	cmake --build $(ASAN_BUILD) -j $(JOBS)
 	cd $(ASAN_BUILD) && ASAN_OPTIONS=detect_leaks=1 UBSAN_OPTIONS=print_stacktrace=1 ctest --output-on-failure -j $(JOBS)
 
+# The session decoder fuzzer (clang + libFuzzer, ASan + UBSan) for FUZZ_SECONDS, from the committed
+# seeds; new corpus entries stay in $(FUZZ_BUILD)/corpus. A finding stops the run with its input in
+# $(FUZZ_BUILD)/findings: add it to fuzz/findings/ (replayed by tests/persistence) and fix it.
+fuzz: deps
+	cmake -S . -B $(FUZZ_BUILD) -G Ninja -DCMAKE_CXX_COMPILER=clang++-16 -DVANTRIX_FUZZ=ON
+	cmake --build $(FUZZ_BUILD) -j $(JOBS)
+	mkdir -p $(FUZZ_BUILD)/corpus/session $(FUZZ_BUILD)/findings
+	$(FUZZ_BUILD)/fuzz/session_decoder_fuzzer -max_total_time=$(FUZZ_SECONDS) -timeout=10 -rss_limit_mb=2048 \
+	  -dict=fuzz/session.dict -artifact_prefix=$(FUZZ_BUILD)/findings/ -print_final_stats=1 \
+	  $(FUZZ_BUILD)/corpus/session fuzz/corpus/session fuzz/findings
+
 run: build
 	@echo "The Vantrix editor window is not built yet: only the editing model exists so far." >&2; exit 1
 
 clean:
-	rm -rf $(BUILD) $(ASAN_BUILD)
+	rm -rf $(BUILD) $(ASAN_BUILD) $(FUZZ_BUILD)

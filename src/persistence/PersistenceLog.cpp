@@ -1,0 +1,7 @@
+#include "persistence/PersistenceLog.h"
+
+namespace vantrix {
+
+Q_LOGGING_CATEGORY(lcPersistence, "vantrix.persistence")
+
+}  // namespace vantrix
