@@ -62,7 +62,7 @@ struct Span {
   std::int64_t first = std::numeric_limits<std::int64_t>::max();
   std::int64_t last = std::numeric_limits<std::int64_t>::min();  // latest frame start
   std::int64_t end = std::numeric_limits<std::int64_t>::min();   // latest start + packet duration
-  std::int64_t longest = 1;                                      // longest packet duration
+  std::int64_t longest = 1;  // longest frame: packet duration, or decode-time step where none is stored
   std::int64_t lastDts = std::numeric_limits<std::int64_t>::min();  // includes discarded packets
   int counted = 0;
 };
@@ -73,13 +73,18 @@ std::expected<bool, MediaError> readPackets(MediaInput& input, int streamIndex, 
                                             const std::string& name) {
   PacketPtr packet = makePacket();
   if (!packet) return std::unexpected(MediaError::ffmpeg(AVERROR(ENOMEM), "Reading packets of " + name));
+  std::int64_t previousDts = AV_NOPTS_VALUE;
   for (int counted = 0; limit <= 0 || counted < limit;) {
     const int r = av_read_frame(input.context(), packet.get());
     if (r == AVERROR_EOF) return true;
     if (r < 0) return std::unexpected(mediaCallFailed(r, input.stopRequested(), "Reading packets of " + name));
     PacketUnref unref(packet.get());
     if (packet->stream_index != streamIndex) continue;
-    if (packet->dts != AV_NOPTS_VALUE) span.lastDts = std::max(span.lastDts, packet->dts);
+    if (packet->dts != AV_NOPTS_VALUE) {
+      span.lastDts = std::max(span.lastDts, packet->dts);
+      if (previousDts != AV_NOPTS_VALUE) span.longest = std::max(span.longest, packet->dts - previousDts);
+      previousDts = packet->dts;
+    }
     if (packet->flags & AV_PKT_FLAG_DISCARD) continue;  // hidden by an edit list; never shown
     const std::int64_t ts = packet->pts != AV_NOPTS_VALUE ? packet->pts : packet->dts;
     if (ts == AV_NOPTS_VALUE) continue;
@@ -150,8 +155,8 @@ std::expected<Span, MediaError> measureSpan(MediaInput& input, int streamIndex, 
 
 // Where the last frame stops being shown, in stream ticks. The track's own end (start plus
 // duration, which edit lists and the muxer's last sample duration decide) is the truth when the
-// packets confirm it: it must fall after the start of the last frame and no further than one
-// packet duration past the packets' end. Otherwise (a missing or placeholder duration, as
+// packets confirm it: it must fall after the start of the last frame and no further than the
+// longest frame past the packets' end. Otherwise (a missing or placeholder duration, as
 // fragmented files write) the end of the last packet is used.
 std::int64_t presentationEnd(const AVStream* st, const Span& span) {
   if (st->duration == AV_NOPTS_VALUE || st->duration <= 0) return span.end;
