@@ -1,0 +1,154 @@
+#include "media/ThumbnailGenerator.h"
+
+#include "MediaFixture.h"
+#include "RealWorldMedia.h"
+
+#include <gtest/gtest.h>
+
+namespace vantrix {
+namespace {
+
+using testing::FixtureSpec;
+using Thumbnail = ThumbnailGenerator::Thumbnail;
+
+constexpr double kHeight = 64;
+
+std::shared_ptr<const MediaAsset> openAsset(const std::filesystem::path& file) {
+  auto asset = MediaAsset::open(file);
+  EXPECT_TRUE(asset) << file;
+  return asset ? *asset : nullptr;
+}
+
+struct Outcome {
+  std::vector<Thumbnail> thumbnails;
+  ThumbnailGenerator::Summary summary;
+};
+
+Outcome generate(const std::shared_ptr<const MediaAsset>& asset, const std::vector<RationalTime>& times,
+             double height = kHeight, double scale = 1, std::function<void(const Thumbnail&, std::stop_source&)> onEach = {}) {
+  Outcome run;
+  std::stop_source stop;
+  run.summary = ThumbnailGenerator(asset).generate(times, height, scale, stop.get_token(), [&](Thumbnail&& t) {
+    run.thumbnails.push_back(std::move(t));
+    if (onEach) onEach(run.thumbnails.back(), stop);
+  });
+  return run;
+}
+
+std::vector<RationalTime> millis(std::initializer_list<std::int64_t> values) {
+  std::vector<RationalTime> times;
+  for (const auto v : values) times.push_back({v, 1000});
+  return times;
+}
+
+// Each thumbnail shows the frame nearest its time: no decoded frame lies closer, and none is
+// farther than half a second away. Rotated footage reads upright, in portrait for quarter turns.
+TEST(ThumbnailGenerator, EachImageIsTheNearestFrameShownUpright) {
+  const auto times = millis({0, 16, 17, 480, 500, 1000, 1234, 1985, 2500, 2999});
+  FixtureSpec vfr;
+  vfr.variableFrameRate = true;
+  FixtureSpec ntsc;
+  ntsc.frameRateNum = 30000, ntsc.frameRateDen = 1001, ntsc.gopFrames = 45, ntsc.container = testing::Container::mov;
+  FixtureSpec mpeg4;
+  mpeg4.codec = testing::VideoCodec::mpeg4, mpeg4.container = testing::Container::m4v, mpeg4.frameRateNum = 24;
+  std::vector<FixtureSpec> cases{{}, vfr, ntsc, mpeg4};
+  for (const int rotation : {90, 180, 270}) {
+    FixtureSpec rotated;
+    rotated.rotation = rotation;
+    cases.push_back(rotated);
+  }
+  for (const FixtureSpec& spec : cases) {
+    const auto file = testing::fixture(spec);
+    const auto frames = testing::readFrames(file);
+    const auto asset = openAsset(file);
+    ASSERT_TRUE(asset && !frames.empty()) << file;
+    const Outcome run = generate(asset, times);
+    ASSERT_EQ(run.thumbnails.size(), times.size()) << file;
+    for (std::size_t i = 0; i < run.thumbnails.size(); ++i) {
+      const Thumbnail& t = run.thumbnails[i];
+      EXPECT_EQ(t.index, static_cast<int>(i)) << file;
+      const auto code = testing::readBarcode(t.image);
+      ASSERT_TRUE(code) << file << " at " << times[i].toString() << ": no upright code";
+      const RationalTime asked = times[i] + frames.front().time;  // source time zero is the first frame
+      const RationalTime shown = testing::frameTime(spec, *code);
+      const auto gap = [&](RationalTime a) { return a < asked ? asked - a : a - asked; };
+      EXPECT_LE(gap(shown), ThumbnailGenerator::kTolerance) << file << " frame " << *code;
+      for (const auto& f : frames) EXPECT_LE(gap(shown), gap(f.time)) << file << ": frame " << *f.barcode << " is closer";
+      const bool portrait = spec.rotation == 90 || spec.rotation == 270;
+      EXPECT_EQ(t.image.height(), kHeight) << file;
+      EXPECT_EQ(t.image.width(), portrait ? 48 : 85) << file;  // 320 x 240 stored
+    }
+  }
+}
+
+TEST(ThumbnailGenerator, FramesThatCannotBeMadeAreSkipped) {
+  const auto asset = openAsset(testing::fixture({}));
+  const Outcome run = generate(asset, millis({500, 60000, 1500, -3000, 2500}));
+  ASSERT_EQ(run.thumbnails.size(), 3u);
+  EXPECT_EQ(run.thumbnails[0].index, 0);
+  EXPECT_EQ(run.thumbnails[1].index, 2);
+  EXPECT_EQ(run.thumbnails[2].index, 4);
+}
+
+// Stopping while the second image is delivered decodes nothing more than asking for two images.
+TEST(ThumbnailGenerator, StoppingAfterTwoImagesDecodesNoFurtherFrame) {
+  const auto asset = openAsset(testing::fixture({}));
+  const auto all = millis({500, 1500, 2500, 2900});
+  const Outcome stopped = generate(asset, all, kHeight, 1, [](const Thumbnail& t, std::stop_source& stop) {
+    if (t.index == 1) stop.request_stop();
+  });
+  const Outcome two = generate(asset, {all[0], all[1]});
+  EXPECT_EQ(stopped.thumbnails.size(), 2u);
+  EXPECT_EQ(stopped.summary.delivered, 2);
+  EXPECT_EQ(stopped.summary.framesDecoded, two.summary.framesDecoded);
+  EXPECT_GT(generate(asset, all).summary.framesDecoded, two.summary.framesDecoded) << "the later images need more frames";
+}
+
+TEST(ThumbnailGenerator, AnEmptyListEndsAtOnce) {
+  // Not even the file is opened: this one is gone.
+  const auto asset = std::make_shared<const MediaAsset>(*openAsset(testing::fixture({})));
+  const MediaAsset moved("/nonexistent/gone.mp4", asset->video(), asset->audio());
+  const Outcome run = generate(std::make_shared<const MediaAsset>(moved), {});
+  EXPECT_TRUE(run.thumbnails.empty());
+  EXPECT_EQ(run.summary.framesDecoded, 0);
+  EXPECT_TRUE(generate(std::make_shared<const MediaAsset>(moved), millis({0, 1000})).thumbnails.empty());
+}
+
+TEST(ThumbnailGenerator, HeightsBelowOnePixelGiveOnePixel) {
+  const auto asset = openAsset(testing::fixture({}));
+  const struct {
+    double height, scale;
+    QSize size;
+  } cases[] = {{0, 2, {1, 1}}, {0.3, 1, {1, 1}}, {32, 2, {85, 64}}, {45, 1.5, {91, 68}}, {-5, 1, {1, 1}}};
+  for (const auto& c : cases) {
+    const Outcome run = generate(asset, millis({1000}), c.height, c.scale);
+    ASSERT_EQ(run.thumbnails.size(), 1u) << c.height << " x " << c.scale;
+    EXPECT_EQ(run.thumbnails[0].image.size(), c.size) << c.height << " x " << c.scale;
+  }
+}
+
+// Non-square pixels and rotation decide the shape; the real files carry both.
+TEST(ThumbnailGenerator, RealWorldShapesFollowTheDisplayAspect) {
+  VANTRIX_REQUIRE_REAL_WORLD();
+  const struct {
+    const char* file;
+    QSize size;
+  } cases[] = {
+      {"slhck__ffmpeg-normalize/test.mp4", {160, 90}},                        // 320 x 240 at 4:3 pixels
+      {"drewnoakes__metadata-extractor-images/with-gps.mov", {51, 90}},       // 568 x 320 turned
+      {"androidx__media/sample_edit_list.mp4", {51, 90}},                     // HEVC 10-bit, turned
+      {"androidx__media/iibbibb_editlist_videoonly.mp4", {110, 90}},          // open groups of pictures
+      {"Vanilagy__mediabunny/cursed-vfr.mp4", {196, 90}},
+  };
+  for (const auto& c : cases) {
+    const auto asset = openAsset(testing::realWorldFile(c.file));
+    ASSERT_TRUE(asset) << c.file;
+    const auto times = std::vector<RationalTime>{RationalTime::zero(), asset->duration().dividedBy(2)};
+    const Outcome run = generate(asset, times, 90);
+    ASSERT_EQ(run.thumbnails.size(), 2u) << c.file;
+    for (const auto& t : run.thumbnails) EXPECT_EQ(t.image.size(), c.size) << c.file;
+  }
+}
+
+}  // namespace
+}  // namespace vantrix
