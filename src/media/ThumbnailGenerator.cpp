@@ -6,6 +6,7 @@
 
 #include <algorithm>
 #include <cmath>
+#include <thread>
 #include <utility>
 
 namespace vantrix {
@@ -18,6 +19,10 @@ struct Candidates {
   bool haveBefore = false;
   bool haveAt = false;
 };
+
+// One decoding thread per core. FFmpeg's own choice adds one more, which only lengthens the
+// pipeline that every seek throws away; measured on two cores, 2 threads beat 3 by about 5 %.
+int decoderThreads() { return static_cast<int>(std::clamp(std::thread::hardware_concurrency(), 1u, 8u)); }
 
 std::int64_t distance(const AVFrame& f, std::int64_t target) {
   const std::int64_t d = f.best_effort_timestamp - target;
@@ -58,7 +63,7 @@ ThumbnailGenerator::Summary ThumbnailGenerator::generate(std::span<const Rationa
                                                          std::stop_token stop, const Sink& deliver) const {
   Summary summary;
   if (times.empty() || stop.stop_requested() || !m_asset->video()) return summary;
-  auto decoder = VideoDecoder::open(m_asset, stop);
+  auto decoder = VideoDecoder::open(m_asset, stop, decoderThreads());
   if (!decoder) return summary;
 
   const VideoTrack& track = *m_asset->video();
@@ -92,6 +97,7 @@ ThumbnailGenerator::Summary ThumbnailGenerator::generate(std::span<const Rationa
     }
     c.haveAt = false;
     decoder->skipNonReferenceFramesBefore(target - tolerance);
+    decoder->keepOnlyTheLastFrameBefore(target);
 
     position = AV_NOPTS_VALUE;
     for (;;) {

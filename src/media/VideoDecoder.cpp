@@ -44,6 +44,8 @@ std::expected<void, MediaError> VideoDecoder::seek(std::int64_t timestamp) {
   m_restarts = 0;
   m_landingDts = AV_NOPTS_VALUE;
   m_skipBefore = AV_NOPTS_VALUE;
+  m_lastFrameTarget = AV_NOPTS_VALUE;
+  m_latestBelowTarget = AV_NOPTS_VALUE;
   return reposition(timestamp);
 }
 
@@ -105,7 +107,14 @@ std::expected<bool, MediaError> VideoDecoder::feed() {
       m_lastDts = m_packet->dts;
     }
     const std::int64_t ts = m_packet->pts != AV_NOPTS_VALUE ? m_packet->pts : m_packet->dts;
-    const bool skippable = m_skipBefore != AV_NOPTS_VALUE && ts != AV_NOPTS_VALUE && ts < m_skipBefore;
+    bool skippable = false;
+    if (ts != AV_NOPTS_VALUE) {
+      skippable = (m_skipBefore != AV_NOPTS_VALUE && ts < m_skipBefore) ||
+                  (m_latestBelowTarget != AV_NOPTS_VALUE && ts < m_latestBelowTarget);
+      if (m_lastFrameTarget != AV_NOPTS_VALUE && ts < m_lastFrameTarget &&
+          (m_latestBelowTarget == AV_NOPTS_VALUE || ts > m_latestBelowTarget))
+        m_latestBelowTarget = ts;
+    }
     m_codec->skip_frame = skippable ? AVDISCARD_NONREF : AVDISCARD_DEFAULT;
     // EAGAIN cannot happen: frames are always received before the next packet is sent. Any
     // other failure is a damaged packet, which the decoder conceals by skipping it.

@@ -44,6 +44,14 @@ class VideoDecoder {
   // Packets whose timestamp is below `timestamp` are decoded without their non-reference frames:
   // those frames cannot be the ones asked for and nothing else depends on them. Reset by seek().
   void skipNonReferenceFramesBefore(std::int64_t timestamp) { m_skipBefore = timestamp; }
+  // For a caller that wants only the last frame shown before `target` and the frames from
+  // `target` on: a non-reference frame shown before `target` is not decoded once a packet shown
+  // after it, but still before `target`, has been read. B-frames always follow such a packet, so
+  // most of them are skipped without reading ahead. Reset by seek().
+  void keepOnlyTheLastFrameBefore(std::int64_t target) {
+    m_lastFrameTarget = target;
+    m_latestBelowTarget = AV_NOPTS_VALUE;
+  }
 
   // The decode timestamp of the indexed keyframe at or before `timestamp`, where decoding must
   // start to reach it; nullopt when the container has no index.
@@ -72,6 +80,8 @@ class VideoDecoder {
   PacketPtr m_packet;
   FramePtr m_frame;
   std::int64_t m_skipBefore = AV_NOPTS_VALUE;
+  std::int64_t m_lastFrameTarget = AV_NOPTS_VALUE;
+  std::int64_t m_latestBelowTarget = AV_NOPTS_VALUE;  // latest timestamp read before that target
   std::int64_t m_seekTarget = AV_NOPTS_VALUE;   // until the first good frame after a seek
   std::int64_t m_landingDts = AV_NOPTS_VALUE;   // first packet read after the seek itself
   std::int64_t m_lastDts = AV_NOPTS_VALUE;      // last packet fed since the last reposition
