@@ -6,7 +6,8 @@
 
 namespace vantrix::bench {
 
-std::optional<Arguments> Arguments::parse(std::span<const std::string_view> args, const std::map<std::string_view, int>& arity) {
+std::optional<Arguments> Arguments::parse(std::span<const std::string_view> args,
+                                          const std::map<std::string_view, int>& arity) {
   Arguments result;
   for (std::size_t i = 0; i < args.size(); ++i) {
     const std::string_view arg = args[i];

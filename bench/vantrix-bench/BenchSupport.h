@@ -33,7 +33,8 @@ std::span<const Command> commands();
 class Arguments {
  public:
   // nullopt, with a message on stderr, for an unknown option or one missing its values.
-  static std::optional<Arguments> parse(std::span<const std::string_view> args, const std::map<std::string_view, int>& arity);
+  static std::optional<Arguments> parse(std::span<const std::string_view> args,
+                                        const std::map<std::string_view, int>& arity);
 
   const std::vector<std::string_view>& positional() const { return m_positional; }
   // Every occurrence of an option, each with its values.

@@ -47,7 +47,9 @@ int runThumbnails(std::span<const std::string_view> args) {
   result["delivered"] = summary.delivered;
   result["requested"] = *count;
   result["frames_decoded"] = summary.framesDecoded;
-  if (!images.empty()) result["image_size"] = std::to_string(images.front().image.width()) + "x" + std::to_string(images.front().image.height());
+  if (!images.empty())
+    result["image_size"] =
+        std::to_string(images.front().image.width()) + "x" + std::to_string(images.front().image.height());
   return succeed(result);
 }
 

@@ -28,7 +28,8 @@ RationalTime CompositionEdit::sourceTimeAt(RationalTime t) const {
 }
 
 Composition::Composition(std::shared_ptr<const MediaAsset> asset, DisplayTransform transform,
-                         std::vector<CompositionEdit> videoEdits, std::optional<std::vector<CompositionEdit>> audioEdits)
+                         std::vector<CompositionEdit> videoEdits,
+                         std::optional<std::vector<CompositionEdit>> audioEdits)
     : m_asset(std::move(asset)),
       m_transform(transform),
       m_videoEdits(std::move(videoEdits)),

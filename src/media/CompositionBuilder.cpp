@@ -3,6 +3,8 @@
 #include "media/MediaLog.h"
 #include "media/TimeMath.h"
 
+#include <limits>
+
 namespace vantrix::CompositionBuilder {
 namespace {
 
@@ -25,14 +27,14 @@ std::vector<Range> ranges(const SpeedTimeline& timeline) {
   return result;
 }
 
-// The duration keeps its timescale instead of becoming value / (timescale * factor): every
-// output position then stays on the grid of the times it came from (the source's ticks, or 1/90000
-// s), so timescales do not multiply by the factor with every sped-up range, and the player and the
-// exporter can place frames and samples without carrying ever finer fractions. The price is at
-// most half a tick per sped-up range, which is far below one frame or one audio sample.
+// Exact whenever a media time can hold the result: the value divided on the same timescale when it
+// divides, else the same value over the timescale times the factor (10/1 s at x4 is 10/4 s, not a
+// rounded 3/1). Only a timescale that would leave 32 bits is rounded to its nearest tick instead,
+// ties away from zero: far below one frame or one audio sample.
 RationalTime scaledDuration(RationalTime duration, Speed speed) {
   const std::int64_t f = multiplier(speed);
   if (duration.value() % f == 0) return {duration.value() / f, duration.timescale()};
+  if (duration.timescale() <= std::numeric_limits<std::int32_t>::max() / f) return duration.dividedBy(f);
   return {timemath::narrow(timemath::roundDiv(duration.value(), f)), duration.timescale()};
 }
 
@@ -55,8 +57,8 @@ std::expected<std::shared_ptr<const Composition>, AppError> build(const SpeedTim
     const RationalTime end = asMediaTime(range.end);
     if (start < RationalTime::zero() || trackEnd < end) {
       qCCritical(lcMedia, "Track insertion failed: %s",
-                 ("source range " + start.toString() + " to " + end.toString() + " lies outside the video track, 0/1 to " +
-                  trackEnd.toString())
+                 ("source range " + start.toString() + " to " + end.toString() +
+                  " lies outside the video track, 0/1 to " + trackEnd.toString())
                      .c_str());
       return std::unexpected(AppError::compositionFailed());
     }

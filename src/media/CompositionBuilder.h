@@ -32,8 +32,9 @@ struct Range {
 // never yields a zero-length gap.
 std::vector<Range> ranges(const SpeedTimeline& timeline);
 
-// `duration` divided by a speed factor on the same timescale: exact when the value divides,
-// otherwise rounded to the nearest tick, ties away from zero.
+// `duration` divided by a speed factor, exactly: on the same timescale when the value divides,
+// else over the timescale times the factor; rounded to the nearest tick (ties away from zero) only
+// when that timescale would not fit a media time's 32 bits.
 RationalTime scaledDuration(RationalTime duration, Speed speed);
 
 // Lays the ranges one after another from output zero, video for every range and audio (when the

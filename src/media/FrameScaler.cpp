@@ -12,12 +12,23 @@ namespace {
 // Formats swscale still accepts but flags as deprecated: the same samples at full range.
 AVPixelFormat withoutFullRangeAlias(AVPixelFormat f, bool& fullRange) {
   switch (f) {
-    case AV_PIX_FMT_YUVJ420P: fullRange = true; return AV_PIX_FMT_YUV420P;
-    case AV_PIX_FMT_YUVJ422P: fullRange = true; return AV_PIX_FMT_YUV422P;
-    case AV_PIX_FMT_YUVJ444P: fullRange = true; return AV_PIX_FMT_YUV444P;
-    case AV_PIX_FMT_YUVJ440P: fullRange = true; return AV_PIX_FMT_YUV440P;
-    case AV_PIX_FMT_YUVJ411P: fullRange = true; return AV_PIX_FMT_YUV411P;
-    default: return f;
+    case AV_PIX_FMT_YUVJ420P:
+      fullRange = true;
+      return AV_PIX_FMT_YUV420P;
+    case AV_PIX_FMT_YUVJ422P:
+      fullRange = true;
+      return AV_PIX_FMT_YUV422P;
+    case AV_PIX_FMT_YUVJ444P:
+      fullRange = true;
+      return AV_PIX_FMT_YUV444P;
+    case AV_PIX_FMT_YUVJ440P:
+      fullRange = true;
+      return AV_PIX_FMT_YUV440P;
+    case AV_PIX_FMT_YUVJ411P:
+      fullRange = true;
+      return AV_PIX_FMT_YUV411P;
+    default:
+      return f;
   }
 }
 
@@ -39,8 +50,8 @@ QImage FrameScaler::toImage(const AVFrame& frame, QSize size) {
   if (matrix == AVCOL_SPC_UNSPECIFIED || matrix == AVCOL_SPC_RESERVED)
     matrix = frame.height >= 720 ? AVCOL_SPC_BT709 : AVCOL_SPC_SMPTE170M;
   const int* coefficients = sws_getCoefficients(matrix);
-  sws_setColorspaceDetails(ctx, coefficients, fullRange ? 1 : 0, sws_getCoefficients(AVCOL_SPC_BT709), 1, 0,
-                           1 << 16, 1 << 16);
+  sws_setColorspaceDetails(ctx, coefficients, fullRange ? 1 : 0, sws_getCoefficients(AVCOL_SPC_BT709), 1, 0, 1 << 16,
+                           1 << 16);
 
   QImage image(width, height, QImage::Format_RGB32);
   if (image.isNull()) return {};

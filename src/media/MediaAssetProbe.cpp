@@ -148,8 +148,8 @@ std::expected<Span, MediaError> measureSpan(MediaInput& input, int streamIndex, 
   }
   // A truncated file keeps an index that promises packets past the end of its data.
   if (const auto last = lastIndexedTimestamp(st); last && span.lastDts < *last)
-    return std::unexpected(MediaError::own(MediaError::Code::damagedMedia,
-                                           "The index of " + name + " lists packets that cannot be read"));
+    return std::unexpected(
+        MediaError::own(MediaError::Code::damagedMedia, "The index of " + name + " lists packets that cannot be read"));
   return span;
 }
 
@@ -213,7 +213,8 @@ std::expected<std::shared_ptr<const MediaAsset>, MediaError> MediaAsset::open(co
   if (const int v = firstStream(ctx, isRealVideo); v >= 0) {
     const auto span = measureSpan(*input, v, name);
     if (!span) return std::unexpected(span.error());
-    if (span->counted > 0 && presentationEnd(ctx->streams[v], *span) > span->first) video = describeVideo(ctx, ctx->streams[v], v, *span);
+    if (span->counted > 0 && presentationEnd(ctx->streams[v], *span) > span->first)
+      video = describeVideo(ctx, ctx->streams[v], v, *span);
   }
   return std::make_shared<const MediaAsset>(path, std::move(video), std::move(audio));
 }

@@ -13,11 +13,20 @@ namespace {
 
 std::string_view codeName(MediaError::Code code) {
   switch (code) {
-    case MediaError::Code::cancelled: return "cancelled";
-    case MediaError::Code::noUsableVideo: return "no usable video";
-    case MediaError::Code::damagedMedia: return "damaged media";
-    case MediaError::Code::noDecoder: return "no decoder";
-    case MediaError::Code::internal: return "internal error";
+    case MediaError::Code::cancelled:
+      return "cancelled";
+    case MediaError::Code::noUsableVideo:
+      return "no usable video";
+    case MediaError::Code::damagedMedia:
+      return "damaged media";
+    case MediaError::Code::noDecoder:
+      return "no decoder";
+    case MediaError::Code::internal:
+      return "internal error";
+    case MediaError::Code::exportUnavailable:
+      return "export unavailable";
+    case MediaError::Code::sourceMissing:
+      return "source missing";
   }
   return "unknown";
 }
@@ -43,7 +52,9 @@ MediaError MediaError::posix(int errnoValue, std::string context) {
   return {Domain::posix, errnoValue, std::move(context)};
 }
 
-MediaError MediaError::ffmpeg(int averror, std::string context) { return {Domain::ffmpeg, averror, std::move(context)}; }
+MediaError MediaError::ffmpeg(int averror, std::string context) {
+  return {Domain::ffmpeg, averror, std::move(context)};
+}
 
 MediaError MediaError::own(Code code, std::string context) {
   return {Domain::vantrix, static_cast<int>(code), std::move(context)};
@@ -69,7 +80,8 @@ bool MediaError::isOutOfDiskSpace() const {
 
 std::string MediaError::description() const {
   std::string text = m_message + " (" + codeText(m_domain, m_code) + ")";
-  for (std::size_t i = 0; i < m_causes.size(); ++i) text += (i == 0 ? ", caused by: " : "; ") + m_causes[i].description();
+  for (std::size_t i = 0; i < m_causes.size(); ++i)
+    text += (i == 0 ? ", caused by: " : "; ") + m_causes[i].description();
   return text;
 }
 

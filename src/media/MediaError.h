@@ -17,11 +17,13 @@ class MediaError {
 
   // Codes of the vantrix domain.
   enum class Code {
-    cancelled = 1,   // the caller's stop token was triggered
-    noUsableVideo,   // no decodable video stream with at least one frame
-    damagedMedia,    // the container promises media that cannot be read
-    noDecoder,       // no decoder for a stream's codec
-    internal,        // an FFmpeg call failed in a way the caller cannot act on
+    cancelled = 1,      // the caller's stop token was triggered
+    noUsableVideo,      // no decodable video stream with at least one frame
+    damagedMedia,       // the container promises media that cannot be read
+    noDecoder,          // no decoder for a stream's codec
+    internal,           // an FFmpeg call failed in a way the caller cannot act on
+    exportUnavailable,  // no encoder or muxer could be set up for an export
+    sourceMissing,      // the source file disappeared while it was being read
   };
 
   // `errnoValue` is a positive errno (ENOSPC); `averror` a negative AVERROR (AVERROR(ENOSPC),
@@ -51,7 +53,8 @@ class MediaError {
   friend bool operator==(const MediaError&, const MediaError&) = default;
 
  private:
-  MediaError(Domain domain, int code, std::string message) : m_domain(domain), m_code(code), m_message(std::move(message)) {}
+  MediaError(Domain domain, int code, std::string message)
+      : m_domain(domain), m_code(code), m_message(std::move(message)) {}
 
   Domain m_domain;
   int m_code;

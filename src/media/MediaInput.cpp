@@ -2,7 +2,9 @@
 
 namespace vantrix {
 
-int MediaInput::interrupted(void* token) { return static_cast<const std::stop_token*>(token)->stop_requested() ? 1 : 0; }
+int MediaInput::interrupted(void* token) {
+  return static_cast<const std::stop_token*>(token)->stop_requested() ? 1 : 0;
+}
 
 MediaError mediaCallFailed(int averror, bool stopRequested, std::string context) {
   if (stopRequested || averror == AVERROR_EXIT) return MediaError::own(MediaError::Code::cancelled, std::move(context));

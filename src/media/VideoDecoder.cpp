@@ -56,7 +56,8 @@ std::expected<void, MediaError> VideoDecoder::reposition(std::int64_t timestamp)
     // Before the first keyframe there is nothing to land on: start from the beginning.
     const int r = avformat_seek_file(m_input.context(), stream, lo, lo, timestamp, 0);
     if (r < 0)
-      return std::unexpected(mediaCallFailed(r, m_input.stopRequested(), "Seeking in " + m_asset->path().filename().string()));
+      return std::unexpected(
+          mediaCallFailed(r, m_input.stopRequested(), "Seeking in " + m_asset->path().filename().string()));
   }
   avcodec_flush_buffers(m_codec.get());
   m_draining = false;
@@ -87,7 +88,8 @@ std::expected<bool, MediaError> VideoDecoder::feed() {
   const int stream = track().streamIndex;
   for (;;) {
     if (m_input.stopRequested())
-      return std::unexpected(MediaError::own(MediaError::Code::cancelled, "Decoding " + m_asset->path().filename().string()));
+      return std::unexpected(
+          MediaError::own(MediaError::Code::cancelled, "Decoding " + m_asset->path().filename().string()));
     int r = av_read_frame(m_input.context(), m_packet.get());
     PacketUnref unref(m_packet.get());
     if (r >= 0 && m_packet->stream_index != stream) continue;
@@ -101,7 +103,8 @@ std::expected<bool, MediaError> VideoDecoder::feed() {
       return true;
     }
     if (r < 0)
-      return std::unexpected(mediaCallFailed(r, m_input.stopRequested(), "Reading " + m_asset->path().filename().string()));
+      return std::unexpected(
+          mediaCallFailed(r, m_input.stopRequested(), "Reading " + m_asset->path().filename().string()));
     if (m_packet->dts != AV_NOPTS_VALUE) {
       if (m_landingDts == AV_NOPTS_VALUE) m_landingDts = m_packet->dts;
       m_lastDts = m_packet->dts;

@@ -82,9 +82,9 @@ class VideoDecoder {
   std::int64_t m_skipBefore = AV_NOPTS_VALUE;
   std::int64_t m_lastFrameTarget = AV_NOPTS_VALUE;
   std::int64_t m_latestBelowTarget = AV_NOPTS_VALUE;  // latest timestamp read before that target
-  std::int64_t m_seekTarget = AV_NOPTS_VALUE;   // until the first good frame after a seek
-  std::int64_t m_landingDts = AV_NOPTS_VALUE;   // first packet read after the seek itself
-  std::int64_t m_lastDts = AV_NOPTS_VALUE;      // last packet fed since the last reposition
+  std::int64_t m_seekTarget = AV_NOPTS_VALUE;         // until the first good frame after a seek
+  std::int64_t m_landingDts = AV_NOPTS_VALUE;         // first packet read after the seek itself
+  std::int64_t m_lastDts = AV_NOPTS_VALUE;            // last packet fed since the last reposition
   int m_restarts = 0;
   std::int64_t m_framesDecoded = 0;
   bool m_draining = false;

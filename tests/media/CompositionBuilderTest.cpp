@@ -46,14 +46,31 @@ TEST(CompositionBuilder, RangesCoverTheTrimWithGapsOnlyWhereNeeded) {
     std::vector<std::tuple<RationalTime, RationalTime, Speed>> segments;
     std::vector<Range> expected;
   } cases[] = {
-      {"worked example", s(5), s(50), {{s(10), s(20), Speed::x4}, {s(20), s(30), Speed::x2}},
+      {"worked example",
+       s(5),
+       s(50),
+       {{s(10), s(20), Speed::x4}, {s(20), s(30), Speed::x2}},
        {{s(5), s(10), normal}, {s(10), s(20), Speed::x4}, {s(20), s(30), Speed::x2}, {s(30), s(50), normal}}},
       {"no segments", s(0), s(60), {}, {{s(0), s(60), normal}}},
-      {"segment at the trim start", s(5), s(50), {{s(5), s(8), Speed::x2}}, {{s(5), s(8), Speed::x2}, {s(8), s(50), normal}}},
-      {"segment at the trim end", s(5), s(50), {{s(40), s(50), Speed::x8}}, {{s(5), s(40), normal}, {s(40), s(50), Speed::x8}}},
-      {"segments fill the trim", s(5), s(50), {{s(5), s(20), Speed::x16}, {s(20), s(50), Speed::x2}},
+      {"segment at the trim start",
+       s(5),
+       s(50),
+       {{s(5), s(8), Speed::x2}},
+       {{s(5), s(8), Speed::x2}, {s(8), s(50), normal}}},
+      {"segment at the trim end",
+       s(5),
+       s(50),
+       {{s(40), s(50), Speed::x8}},
+       {{s(5), s(40), normal}, {s(40), s(50), Speed::x8}}},
+      {"segments fill the trim",
+       s(5),
+       s(50),
+       {{s(5), s(20), Speed::x16}, {s(20), s(50), Speed::x2}},
        {{s(5), s(20), Speed::x16}, {s(20), s(50), Speed::x2}}},
-      {"same instant, other timescale", {1, 2}, s(50), {{{300, 600}, s(2), Speed::x2}, {{4, 2}, {1800, 600}, Speed::x4}},
+      {"same instant, other timescale",
+       {1, 2},
+       s(50),
+       {{{300, 600}, s(2), Speed::x2}, {{4, 2}, {1800, 600}, Speed::x4}},
        {{{300, 600}, s(2), Speed::x2}, {{4, 2}, {1800, 600}, Speed::x4}, {{1800, 600}, s(50), normal}}},
   };
   for (const auto& c : cases) {
@@ -74,10 +91,10 @@ TEST(CompositionBuilder, ScaledDurationsKeepTheirTimescale) {
   } cases[] = {
       {{900000, 90000}, Speed::x4, {225000, 90000}},  // 10 s at x4: 2.5 s, exactly
       {{6000, 600}, Speed::x16, {375, 600}},
-      {{7, 600}, Speed::x2, {4, 600}},  // 3.5 ticks: ties away from zero
-      {{5, 600}, Speed::x4, {1, 600}},  // 1.25 ticks
-      {{7, 600}, Speed::x4, {2, 600}},  // 1.75 ticks
-      {{10, 1}, Speed::x4, {3, 1}},     // a whole-second timescale rounds to whole seconds
+      {{7, 600}, Speed::x2, {7, 1200}},               // 3.5 ticks, kept exact on a finer timescale
+      {{10, 1}, Speed::x4, {10, 4}},                  // whole seconds: 2.5 s, not a rounded 3
+      {{5, 2147483647}, Speed::x4, {1, 2147483647}},  // no finer 32-bit timescale: 1.25 ticks round
+      {{7, 2147483647}, Speed::x2, {4, 2147483647}},  // ties away from zero
   };
   for (const auto& c : cases) {
     const RationalTime scaled = CompositionBuilder::scaledDuration(c.duration, c.speed);
@@ -138,7 +155,8 @@ TEST(CompositionBuilder, RefusalsAreLoggedAsErrors) {
     std::shared_ptr<const MediaAsset> source;
     QString line;
   } cases[] = {
-      {"no video", workedExample(t600), asset(t600(60), true, false), "Asset has no video track; cannot build composition."},
+      {"no video", workedExample(t600), asset(t600(60), true, false),
+       "Asset has no video track; cannot build composition."},
       {"no asset", workedExample(t600), nullptr, "Asset has no video track; cannot build composition."},
       {"range past the track", tooLong, asset(t600(60), true), "Track insertion failed: "},
   };

@@ -91,17 +91,29 @@ TEST_F(LoadedVideoTest, EachFileIsAcceptedOrRefusedWithItsLogLine) {
       {"upper-case extension", [&] { return copyAs(testing::fixture(upper), "clip.MP4"); }, {}, {}},
       {".mov", [&] { return testing::fixture(mov); }, {}, {}},
       {".m4v", [&] { return testing::fixture(m4v); }, {}, {}},
-      {"second extension .txt, not on disk", [&] { return m_dir / "clip.mp4.txt"; }, Kind::unsupportedFile, {kRejected}},
+      {"second extension .txt, not on disk",
+       [&] { return m_dir / "clip.mp4.txt"; },
+       Kind::unsupportedFile,
+       {kRejected}},
       {"a movie named .txt", [&] { return copyAs(video, "clip.mp4.txt"); }, Kind::unsupportedFile, {kRejected}},
       {"no extension, not on disk", [&] { return m_dir / "clip"; }, Kind::unsupportedFile, {kRejected}},
       {"deleted", [&] { return m_dir / "gone.mp4"; }, Kind::fileMoved, {kMissing}},
-      {"audio-only .m4v", [&] { return testing::fixture(audioOnly(testing::Container::m4v)); }, Kind::unsupportedFile, {kNoVideo}},
-      {"audio-only .mov", [&] { return testing::fixture(audioOnly(testing::Container::mov)); }, Kind::unsupportedFile, {kNoVideo}},
+      {"audio-only .m4v",
+       [&] { return testing::fixture(audioOnly(testing::Container::m4v)); },
+       Kind::unsupportedFile,
+       {kNoVideo}},
+      {"audio-only .mov",
+       [&] { return testing::fixture(audioOnly(testing::Container::mov)); },
+       Kind::unsupportedFile,
+       {kNoVideo}},
       {"cover art only", [&] { return testing::fixture(coverArt); }, Kind::unsupportedFile, {kNoVideo}},
       {"truncated .mov", [&] { return testing::fixture(truncated); }, Kind::unsupportedFile, {kFailed, kNoVideo}},
       {"zeroed header .mov", [&] { return testing::fixture(zeroed); }, Kind::unsupportedFile, {kFailed, kNoVideo}},
       {"empty .mov", [&] { return write("empty.mov", ""); }, Kind::unsupportedFile, {kFailed, kNoVideo}},
-      {"text named .mp4", [&] { return write("notes.mp4", "not a movie at all\n"); }, Kind::unsupportedFile, {kFailed, kNoVideo}},
+      {"text named .mp4",
+       [&] { return write("notes.mp4", "not a movie at all\n"); },
+       Kind::unsupportedFile,
+       {kFailed, kNoVideo}},
   };
   for (const auto& c : cases) {
     const fs::path path = c.path();
@@ -163,7 +175,8 @@ TEST_F(LoadedVideoTest, RealWorldFilesWithVideoOpenAndTheOthersAreRefused) {
 TEST_F(LoadedVideoTest, FilesCutShortAreRefused) {
   VANTRIX_REQUIRE_REAL_WORLD();
   const char* files[] = {"androidx__media/sample.mp4", "androidx__media/sample_edit_list.mp4",
-                         "drewnoakes__metadata-extractor-images/sample_mpeg4.mp4", "androidx__media/sowt-with-video.mov"};
+                         "drewnoakes__metadata-extractor-images/sample_mpeg4.mp4",
+                         "androidx__media/sowt-with-video.mov"};
   for (const char* file : files) {
     const fs::path source = testing::realWorldFile(file);
     const std::uintmax_t size = fs::file_size(source);
@@ -192,8 +205,9 @@ TEST_F(LoadedVideoTest, ExtensionsAreMatchedWithoutRegardToCase) {
   const struct {
     const char* name;
     bool supported;
-  } cases[] = {{"a.mov", true}, {"a.MOV", true}, {"a.Mp4", true}, {"a.m4V", true}, {"a.b.mp4", true},
-               {"a.mp4.txt", false}, {"a", false}, {"a.", false}, {".mp4", false}, {"a.mpeg4", false}, {"a.avi", false}};
+  } cases[] = {{"a.mov", true},   {"a.MOV", true},      {"a.Mp4", true}, {"a.m4V", true},
+               {"a.b.mp4", true}, {"a.mp4.txt", false}, {"a", false},    {"a.", false},
+               {".mp4", false},   {"a.mpeg4", false},   {"a.avi", false}};
   for (const auto& c : cases) EXPECT_EQ(hasSupportedExtension(c.name), c.supported) << c.name;
 }
 

@@ -33,11 +33,15 @@ FixtureSpec spec(std::function<void(FixtureSpec&)> change) {
 TEST(MediaAsset, GeneratedFilesReportTheirStreamsAndTheExactSpanOfTheirFrames) {
   const FixtureSpec cases[] = {
       {},
-      spec([](auto& s) { s.container = Container::mov, s.frameRateNum = 30000, s.frameRateDen = 1001, s.audio = AudioLayout::mono; }),
+      spec([](auto& s) {
+        s.container = Container::mov, s.frameRateNum = 30000, s.frameRateDen = 1001, s.audio = AudioLayout::mono;
+      }),
       spec([](auto& s) { s.variableFrameRate = true; }),
       spec([](auto& s) { s.variableFrameRate = true, s.container = Container::mov, s.seconds = 2.5; }),
       spec([](auto& s) { s.codec = VideoCodec::mpeg4, s.container = Container::m4v, s.audio = AudioLayout::none; }),
-      spec([](auto& s) { s.codec = VideoCodec::mjpeg, s.container = Container::mov, s.audioCodec = testing::AudioCodec::pcm; }),
+      spec([](auto& s) {
+        s.codec = VideoCodec::mjpeg, s.container = Container::mov, s.audioCodec = testing::AudioCodec::pcm;
+      }),
       spec([](auto& s) { s.rotation = 90, s.frameRateNum = 25, s.audio = AudioLayout::surround51; }),
       spec([](auto& s) { s.rotation = 270, s.width = 240, s.height = 320, s.sampleRate = 44100; }),
       spec([](auto& s) { s.rotation = 180, s.gopFrames = 7, s.seconds = 1.3; }),
@@ -49,8 +53,8 @@ TEST(MediaAsset, GeneratedFilesReportTheirStreamsAndTheExactSpanOfTheirFrames) {
     const VideoTrack& v = *asset->video();
     const auto frames = testing::readFrames(file);
     ASSERT_EQ(static_cast<std::int64_t>(frames.size()), testing::frameCount(s)) << file;
-    EXPECT_EQ(asset->duration(), frameSpan(frames)) << file << ": " << asset->duration().toString() << " vs "
-                                                    << frameSpan(frames).toString();
+    EXPECT_EQ(asset->duration(), frameSpan(frames))
+        << file << ": " << asset->duration().toString() << " vs " << frameSpan(frames).toString();
     EXPECT_EQ(RationalTime(v.firstTimestamp * v.timeBase.num, v.timeBase.den), frames.front().time) << file;
     EXPECT_EQ(v.transform.rotationDegrees(), s.rotation) << file;
     EXPECT_EQ(v.width, s.width) << file;
@@ -159,8 +163,8 @@ TEST(MediaAsset, SourceTimesAndStreamTimestampsConvertThroughTheFirstFrame) {
       {asset, {1, 3}, {1, 90000}, 36006},
       {asset, RationalTime::zero(), {1, 44100}, 2943},  // 2942.94 rounds up
       {asset, {-2002, 30000}, {1, 44100}, 0},
-      {coarse, {1, 4}, {1, 2}, 2},     // 1.5 ticks: ties away from zero
-      {coarse, {-5, 4}, {1, 2}, -2},   // -1.5 ticks
+      {coarse, {1, 4}, {1, 2}, 2},    // 1.5 ticks: ties away from zero
+      {coarse, {-5, 4}, {1, 2}, -2},  // -1.5 ticks
       {coarse, {-1, 1}, {1, 2}, -1},
       {coarse, {1, 1}, {1001, 30000}, 45},  // 1.5 s in ticks of 1001/30000 s: 44.955
   };

@@ -9,6 +9,8 @@ std::optional<std::filesystem::path> realWorldDir() {
   return dir;
 }
 
-std::filesystem::path realWorldFile(const char* relative) { return std::filesystem::path(VANTRIX_REAL_WORLD_DIR) / relative; }
+std::filesystem::path realWorldFile(const char* relative) {
+  return std::filesystem::path(VANTRIX_REAL_WORLD_DIR) / relative;
+}
 
 }  // namespace vantrix::testing

@@ -17,7 +17,7 @@ std::filesystem::path realWorldFile(const char* relative);
 }  // namespace vantrix::testing
 
 // Skips the current test when the folder is absent.
-#define VANTRIX_REQUIRE_REAL_WORLD()                                                   \
-  do {                                                                                 \
+#define VANTRIX_REQUIRE_REAL_WORLD()                                                       \
+  do {                                                                                     \
     if (!::vantrix::testing::realWorldDir()) GTEST_SKIP() << "no real-world media folder"; \
   } while (false)

@@ -25,7 +25,8 @@ struct Outcome {
 };
 
 Outcome generate(const std::shared_ptr<const MediaAsset>& asset, const std::vector<RationalTime>& times,
-             double height = kHeight, double scale = 1, std::function<void(const Thumbnail&, std::stop_source&)> onEach = {}) {
+                 double height = kHeight, double scale = 1,
+                 std::function<void(const Thumbnail&, std::stop_source&)> onEach = {}) {
   Outcome run;
   std::stop_source stop;
   run.summary = ThumbnailGenerator(asset).generate(times, height, scale, stop.get_token(), [&](Thumbnail&& t) {
@@ -73,7 +74,8 @@ TEST(ThumbnailGenerator, EachImageIsTheNearestFrameShownUpright) {
       const RationalTime shown = testing::frameTime(spec, *code);
       const auto gap = [&](RationalTime a) { return a < asked ? asked - a : a - asked; };
       EXPECT_LE(gap(shown), ThumbnailGenerator::kTolerance) << file << " frame " << *code;
-      for (const auto& f : frames) EXPECT_LE(gap(shown), gap(f.time)) << file << ": frame " << *f.barcode << " is closer";
+      for (const auto& f : frames)
+        EXPECT_LE(gap(shown), gap(f.time)) << file << ": frame " << *f.barcode << " is closer";
       const bool portrait = spec.rotation == 90 || spec.rotation == 270;
       EXPECT_EQ(t.image.height(), kHeight) << file;
       EXPECT_EQ(t.image.width(), portrait ? 48 : 85) << file;  // 320 x 240 stored
@@ -101,7 +103,8 @@ TEST(ThumbnailGenerator, StoppingAfterTwoImagesDecodesNoFurtherFrame) {
   EXPECT_EQ(stopped.thumbnails.size(), 2u);
   EXPECT_EQ(stopped.summary.delivered, 2);
   EXPECT_EQ(stopped.summary.framesDecoded, two.summary.framesDecoded);
-  EXPECT_GT(generate(asset, all).summary.framesDecoded, two.summary.framesDecoded) << "the later images need more frames";
+  EXPECT_GT(generate(asset, all).summary.framesDecoded, two.summary.framesDecoded)
+      << "the later images need more frames";
 }
 
 TEST(ThumbnailGenerator, AnEmptyListEndsAtOnce) {
@@ -134,10 +137,10 @@ TEST(ThumbnailGenerator, RealWorldShapesFollowTheDisplayAspect) {
     const char* file;
     QSize size;
   } cases[] = {
-      {"slhck__ffmpeg-normalize/test.mp4", {160, 90}},                        // 320 x 240 at 4:3 pixels
-      {"drewnoakes__metadata-extractor-images/with-gps.mov", {51, 90}},       // 568 x 320 turned
-      {"androidx__media/sample_edit_list.mp4", {51, 90}},                     // HEVC 10-bit, turned
-      {"androidx__media/iibbibb_editlist_videoonly.mp4", {110, 90}},          // open groups of pictures
+      {"slhck__ffmpeg-normalize/test.mp4", {160, 90}},                   // 320 x 240 at 4:3 pixels
+      {"drewnoakes__metadata-extractor-images/with-gps.mov", {51, 90}},  // 568 x 320 turned
+      {"androidx__media/sample_edit_list.mp4", {51, 90}},                // HEVC 10-bit, turned
+      {"androidx__media/iibbibb_editlist_videoonly.mp4", {110, 90}},     // open groups of pictures
       {"Vanilagy__mediabunny/cursed-vfr.mp4", {196, 90}},
   };
   for (const auto& c : cases) {

@@ -24,8 +24,9 @@ std::vector<std::int64_t> allTimestamps(VideoDecoder& decoder) {
 TEST(VideoDecoder, EverySeekReachesTheFrameAtItsTarget) {
   std::vector<std::filesystem::path> files{testing::fixture({})};
   if (testing::realWorldDir()) {
-    for (const char* f : {"androidx__media/iibbibb_editlist_videoonly.mp4", "androidx__media/pixel7_videoOnly_cleaned.mp4",
-                          "androidx__media/sample.mp4", "drewnoakes__metadata-extractor-images/with-gps.mov"})
+    for (const char* f :
+         {"androidx__media/iibbibb_editlist_videoonly.mp4", "androidx__media/pixel7_videoOnly_cleaned.mp4",
+          "androidx__media/sample.mp4", "drewnoakes__metadata-extractor-images/with-gps.mov"})
       files.push_back(testing::realWorldFile(f));
   }
   for (const auto& file : files) {

@@ -1,0 +1,63 @@
+#pragma once
+
+// Shared by the reader and exporter tests: fixtures opened as assets, timelines written compactly,
+// and the rule every output frame must follow, computed independently from the source's own
+// decoded frames.
+
+#include "media/CompositionBuilder.h"
+#include "media/MediaAsset.h"
+
+#include "MediaFixture.h"
+
+#include <gtest/gtest.h>
+
+#include <filesystem>
+#include <memory>
+#include <optional>
+#include <string>
+#include <vector>
+
+namespace vantrix::testing {
+
+// Times in milliseconds keep the tables short: ms(2500) is 2.5 s.
+inline RationalTime ms(std::int64_t v) { return {v, 1000}; }
+
+struct SegmentRow {
+  std::int64_t startMs, endMs;
+  Speed speed;
+};
+
+// A timeline of the asset's duration with an optional trim and segments, through the checked edits.
+inline SpeedTimeline timelineFor(const MediaAsset& asset, std::optional<std::pair<std::int64_t, std::int64_t>> trimMs,
+                                 const std::vector<SegmentRow>& segments) {
+  SpeedTimeline t(asset.duration());
+  if (trimMs) EXPECT_TRUE(t.setTrim(ms(trimMs->first), ms(trimMs->second)));
+  for (const auto& s : segments) EXPECT_TRUE(t.addSegment(ms(s.startMs), ms(s.endMs), s.speed));
+  return t;
+}
+
+inline std::shared_ptr<const MediaAsset> openAsset(const std::filesystem::path& file) {
+  auto asset = MediaAsset::open(file);
+  EXPECT_TRUE(asset) << file << ": " << (asset ? "" : asset.error().description());
+  return asset ? *asset : nullptr;
+}
+
+inline std::shared_ptr<const Composition> compose(const SpeedTimeline& timeline,
+                                                  const std::shared_ptr<const MediaAsset>& asset) {
+  auto built = CompositionBuilder::build(timeline, asset);
+  EXPECT_TRUE(built);
+  return built ? *built : nullptr;
+}
+
+// The barcode of the latest source frame at or before source time x; the first frame when x lies
+// before every frame.
+inline std::optional<std::int64_t> expectedBarcode(const std::vector<DecodedFrame>& source, RationalTime x) {
+  std::optional<std::int64_t> found = source.empty() ? std::nullopt : source.front().barcode;
+  for (const DecodedFrame& f : source) {
+    if (f.time - source.front().time > x) break;
+    found = f.barcode;
+  }
+  return found;
+}
+
+}  // namespace vantrix::testing
