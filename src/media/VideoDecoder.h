@@ -46,8 +46,8 @@ class VideoDecoder {
   void skipNonReferenceFramesBefore(std::int64_t timestamp) { m_skipBefore = timestamp; }
   // For a caller that wants only the last frame shown before `target` and the frames from
   // `target` on: a non-reference frame shown before `target` is not decoded once a packet shown
-  // after it, but still before `target`, has been read. B-frames always follow such a packet, so
-  // most of them are skipped without reading ahead. Reset by seek().
+  // after it, but still before `target`, has been read. A B-frame is read after the later frame
+  // it refers to, so most B-frames are skipped without reading ahead. Reset by seek().
   void keepOnlyTheLastFrameBefore(std::int64_t target) {
     m_lastFrameTarget = target;
     m_latestBelowTarget = AV_NOPTS_VALUE;
