@@ -18,9 +18,10 @@ extern "C" {
 namespace vantrix::bench {
 
 std::span<const Command> commands() {
-  static constexpr std::array<Command, 2> kCommands{{
+  static constexpr std::array<Command, 3> kCommands{{
       {"open", "SOURCE", &runOpen},
       {"thumbnails", "SOURCE --count N --height PX", &runThumbnails},
+      {"export", "SOURCE OUTPUT [--trim START END] [--segment START END SPEED]...", &runExport},
   }};
   return kCommands;
 }

@@ -31,8 +31,12 @@ struct SegmentRow {
 inline SpeedTimeline timelineFor(const MediaAsset& asset, std::optional<std::pair<std::int64_t, std::int64_t>> trimMs,
                                  const std::vector<SegmentRow>& segments) {
   SpeedTimeline t(asset.duration());
-  if (trimMs) EXPECT_TRUE(t.setTrim(ms(trimMs->first), ms(trimMs->second)));
-  for (const auto& s : segments) EXPECT_TRUE(t.addSegment(ms(s.startMs), ms(s.endMs), s.speed));
+  if (trimMs) {
+    EXPECT_TRUE(t.setTrim(ms(trimMs->first), ms(trimMs->second)));
+  }
+  for (const auto& s : segments) {
+    EXPECT_TRUE(t.addSegment(ms(s.startMs), ms(s.endMs), s.speed));
+  }
   return t;
 }
 

@@ -112,9 +112,16 @@ TEST(Exporter, EveryOutputFrameShowsTheFrameTheRulePredicts) {
     const auto frames = readFrames(out.file);
     ASSERT_FALSE(frames.empty());
     const RationalTime origin = frames.front().time;
+    // A file's times are whole ticks of its clock, so an output time is known to half a tick: the
+    // frame shown must be the one the rule gives at the exact instant somewhere in that span.
+    const RationalTime halfTick{1, 2 * origin.timescale()};
     for (const DecodedFrame& f : frames) {
       const RationalTime o = f.time - origin;
-      ASSERT_EQ(f.barcode, expectedBarcode(sourceFrames, timeline.sourceTimeForOutput(o))) << "output " << o.toString();
+      const auto early = expectedBarcode(sourceFrames, timeline.sourceTimeForOutput(o - halfTick));
+      const auto late = expectedBarcode(sourceFrames, timeline.sourceTimeForOutput(o + halfTick));
+      ASSERT_TRUE(f.barcode == early || f.barcode == late)
+          << "output " << o.toString() << " shows " << f.barcode.value_or(-1) << ", expected " << early.value_or(-1)
+          << (early == late ? "" : " or " + std::to_string(late.value_or(-1)));
     }
     // Normal-speed stretches keep every source frame: count those between the trim and the first
     // segment (or the trim end).
@@ -291,14 +298,14 @@ TEST(Exporter, ASourceDeletedDuringTheExportFailsAndLeavesNoFile) {
 TEST(Exporter, AFullDiskGivesDiskFullAndLeavesNoFile) {
   QTemporaryDir dir;
   const std::string mountPoint = dir.path().toStdString();
-  if (mount("tmpfs", mountPoint.c_str(), "tmpfs", 0, "size=96k") != 0)
+  if (mount("tmpfs", mountPoint.c_str(), "tmpfs", 0, "size=16k") != 0)
     GTEST_SKIP() << "cannot mount a small tmpfs here";
   struct Unmount {
     std::string at;
     ~Unmount() { umount(at.c_str()); }
   } unmount{mountPoint};
   FixtureSpec spec;
-  spec.width = 640, spec.height = 480;  // far more than 32 KiB of output
+  spec.width = 640, spec.height = 480;  // about 80 KiB of output
   const auto asset = openAsset(fixture(spec));
   LogCapture logs;
   const auto out = exportTo(compose(timelineFor(*asset, std::nullopt, {}), asset), mountPoint + "/full.mp4");

@@ -1,0 +1,150 @@
+#include "media/VideoFrameSource.h"
+
+#include "media/TimeMath.h"
+
+#include <algorithm>
+
+namespace vantrix {
+namespace {
+
+FramePtr referenceTo(const AVFrame& frame) { return FramePtr(av_frame_clone(&frame)); }
+
+}  // namespace
+
+VideoFrameSource::VideoFrameSource(std::shared_ptr<const Composition> composition, VideoDecoder decoder)
+    : m_composition(std::move(composition)), m_decoder(std::move(decoder)) {}
+
+std::expected<std::unique_ptr<VideoFrameSource>, MediaError> VideoFrameSource::open(
+    std::shared_ptr<const Composition> composition, std::stop_token stop, int decoderThreads) {
+  auto decoder = VideoDecoder::open(composition->asset(), std::move(stop), decoderThreads);
+  if (!decoder) return std::unexpected(decoder.error());
+  std::unique_ptr<VideoFrameSource> source(new VideoFrameSource(std::move(composition), std::move(*decoder)));
+  source->seek(RationalTime::zero());
+  return source;
+}
+
+void VideoFrameSource::seek(RationalTime t) {
+  const auto& edits = m_composition->videoEdits();
+  const auto at = std::ranges::find_if(edits, [&](const CompositionEdit& e) { return t < e.outputEnd(); });
+  m_edit = static_cast<std::size_t>(at - edits.begin());
+  m_pendingStart = std::max(t, RationalTime::zero());
+  if (at != edits.end() && *m_pendingStart < at->outputStart) m_pendingStart = at->outputStart;
+}
+
+std::expected<std::optional<VideoFrameSource::Frame>, MediaError> VideoFrameSource::next() {
+  const auto& edits = m_composition->videoEdits();
+  while (m_edit < edits.size()) {
+    const CompositionEdit& edit = edits[m_edit];
+    if (m_pendingStart) {
+      const RationalTime t = *m_pendingStart;
+      m_pendingStart.reset();
+      return emitShowing(edit, t);
+    }
+    if (!edit.speed) {
+      m_decoder.skipNonReferenceFramesBefore(AV_NOPTS_VALUE);
+      auto ahead = frameAfterHeld();
+      if (!ahead) return std::unexpected(ahead.error());
+      if (*ahead != nullptr && (*ahead)->sourceTime < edit.sourceEnd()) {
+        m_held = std::move(m_ahead);
+        m_ahead.reset();
+        m_lastOutput = edit.outputStart + (m_held->sourceTime - edit.sourceStart);
+        return Frame{referenceTo(*m_held->picture), m_lastOutput, m_held->sourceTime};
+      }
+    } else {
+      const RationalTime t = nextGridInstant(m_lastOutput);
+      if (t < edit.outputEnd()) return emitShowing(edit, t);
+    }
+    if (++m_edit < edits.size()) m_pendingStart = edits[m_edit].outputStart;
+  }
+  return std::nullopt;
+}
+
+std::expected<std::optional<VideoFrameSource::Frame>, MediaError> VideoFrameSource::emitShowing(
+    const CompositionEdit& edit, RationalTime t) {
+  auto held = latestAtOrBefore(edit.sourceTimeAt(t), edit.speed.has_value());
+  if (!held) return std::unexpected(held.error());
+  if (*held == nullptr) {  // a stream without a single decodable frame
+    m_edit = m_composition->videoEdits().size();
+    return std::nullopt;
+  }
+  m_lastOutput = t;
+  return Frame{referenceTo(*(*held)->picture), t, (*held)->sourceTime};
+}
+
+std::expected<const VideoFrameSource::Held*, MediaError> VideoFrameSource::latestAtOrBefore(RationalTime x, bool spedUp) {
+  const Held* current = m_ahead ? &*m_ahead : m_held ? &*m_held : nullptr;
+  bool reposition = !m_positioned || (m_held && m_held->sourceTime > x) || (!m_held && current && current->sourceTime > x);
+  if (!reposition && current != nullptr && current->sourceTime < x) {
+    // Far ahead: when a keyframe lies between here and x, starting from it skips the frames between.
+    const auto keyframe = m_decoder.keyframeAtOrBefore(timestampOf(x));
+    reposition = keyframe && *keyframe > timestampOf(current->sourceTime);
+  }
+  if (reposition) {
+    if (auto ok = this->reposition(x); !ok) return std::unexpected(ok.error());
+  }
+
+  if (spedUp) {
+    // A non-reference picture that starts two nominal frames or more before x is followed by another
+    // picture at or before x, so it cannot be the one shown and nothing depends on it.
+    const AVRational rate = m_decoder.track().frameRate;
+    const AVRational base = m_decoder.track().timeBase;
+    const std::int64_t frameTicks =
+        rate.num > 0 ? timemath::narrow(timemath::roundDiv(timemath::mul(base.den, rate.den), timemath::mul(base.num, rate.num)))
+                     : 0;
+    m_decoder.skipNonReferenceFramesBefore(frameTicks > 0 ? timestampOf(x) - 2 * frameTicks : AV_NOPTS_VALUE);
+  } else {
+    m_decoder.skipNonReferenceFramesBefore(AV_NOPTS_VALUE);
+  }
+
+  for (;;) {
+    auto ahead = frameAfterHeld();
+    if (!ahead) return std::unexpected(ahead.error());
+    if (*ahead == nullptr || (m_held && (*ahead)->sourceTime > x)) break;
+    m_held = std::move(m_ahead);
+    m_ahead.reset();
+    if (m_held->sourceTime >= x) break;
+  }
+  return m_held ? &*m_held : nullptr;
+}
+
+std::expected<const VideoFrameSource::Held*, MediaError> VideoFrameSource::frameAfterHeld() {
+  while (!m_ahead && !m_streamEnded) {
+    const auto frame = m_decoder.nextFrame();
+    if (!frame) return std::unexpected(frame.error());
+    if (*frame == nullptr) {
+      m_streamEnded = true;
+      break;
+    }
+    const RationalTime t =
+        m_composition->asset()->sourceTimeForTimestamp((*frame)->best_effort_timestamp, m_decoder.track().timeBase);
+    // A damaged stream can repeat timestamps; a frame that does not move time forward is dropped.
+    if (m_held && !(m_held->sourceTime < t)) continue;
+    FramePtr picture = referenceTo(**frame);
+    if (!picture) return std::unexpected(MediaError::ffmpeg(AVERROR(ENOMEM), "Keeping a decoded frame"));
+    m_ahead = Held{std::move(picture), t};
+  }
+  return m_ahead ? &*m_ahead : nullptr;
+}
+
+std::expected<void, MediaError> VideoFrameSource::reposition(RationalTime x) {
+  if (auto ok = m_decoder.seek(timestampOf(x)); !ok) return ok;
+  m_held.reset();
+  m_ahead.reset();
+  m_streamEnded = false;
+  m_positioned = true;
+  return {};
+}
+
+std::int64_t VideoFrameSource::timestampOf(RationalTime sourceTime) const {
+  return m_composition->asset()->timestampForSourceTime(sourceTime, m_decoder.track().timeBase);
+}
+
+RationalTime VideoFrameSource::nextGridInstant(RationalTime t) const {
+  using namespace timemath;
+  const AVRational rate = m_decoder.track().frameRate;  // frames per second
+  // floor(t * rate) + 1 frames, at den / num seconds each.
+  const Wide frames = floorDiv(mul(t.value(), rate.num), mul(t.timescale(), rate.den)) + 1;
+  return {narrow(mul(frames, rate.den)), rate.num};
+}
+
+}  // namespace vantrix

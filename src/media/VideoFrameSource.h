@@ -1,0 +1,70 @@
+#pragma once
+
+#include "media/Composition.h"
+#include "media/FfmpegPtr.h"
+#include "media/MediaError.h"
+#include "media/VideoDecoder.h"
+
+#include <cstdint>
+#include <expected>
+#include <memory>
+#include <optional>
+#include <stop_token>
+
+namespace vantrix {
+
+// The picture side of CompositionReader: walks the composition's video edits and decides, for each
+// output frame, its output time and the source frame it shows (see CompositionReader for the rule),
+// decoding the source as far as needed and no further.
+//
+// Used by one worker thread at a time; blocking.
+class VideoFrameSource {
+ public:
+  struct Frame {
+    FramePtr picture;
+    RationalTime outputTime;
+    RationalTime sourceTime;
+  };
+
+  static std::expected<std::unique_ptr<VideoFrameSource>, MediaError> open(
+      std::shared_ptr<const Composition> composition, std::stop_token stop, int decoderThreads);
+
+  void setStopToken(std::stop_token stop) { m_decoder.setStopToken(std::move(stop)); }
+  std::int64_t framesDecoded() const { return m_decoder.framesDecoded(); }
+
+  // The next frame to come out is the one showing at output time t, with outputTime t.
+  void seek(RationalTime t);
+  std::expected<std::optional<Frame>, MediaError> next();
+
+ private:
+  struct Held {
+    FramePtr picture;
+    RationalTime sourceTime;
+  };
+
+  VideoFrameSource(std::shared_ptr<const Composition> composition, VideoDecoder decoder);
+  std::expected<std::optional<Frame>, MediaError> emitShowing(const CompositionEdit& edit, RationalTime t);
+  // The latest source frame at or before source time x (the first frame of the stream when x
+  // lies before it); null when the stream has no frame at all.
+  std::expected<const Held*, MediaError> latestAtOrBefore(RationalTime x, bool spedUp);
+  // The first source frame after the one held; null at the end of the stream.
+  std::expected<const Held*, MediaError> frameAfterHeld();
+  std::expected<bool, MediaError> decodeInto(std::optional<Held>& slot);
+  std::expected<void, MediaError> reposition(RationalTime x);
+  std::int64_t timestampOf(RationalTime sourceTime) const;
+  // The first instant of the output frame grid strictly after t.
+  RationalTime nextGridInstant(RationalTime t) const;
+
+  std::shared_ptr<const Composition> m_composition;
+  VideoDecoder m_decoder;
+  std::optional<Held> m_held;  // the latest decoded frame at or before the last target
+  std::optional<Held> m_ahead; // the decoded frame after m_held, when one was needed to know that
+  bool m_streamEnded = false;
+  bool m_positioned = false;
+
+  std::size_t m_edit = 0;
+  std::optional<RationalTime> m_pendingStart;  // emit the frame showing at this output time next
+  RationalTime m_lastOutput;
+};
+
+}  // namespace vantrix
