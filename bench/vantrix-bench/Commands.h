@@ -11,5 +11,6 @@ namespace vantrix::bench {
 int runOpen(std::span<const std::string_view> args);
 int runThumbnails(std::span<const std::string_view> args);
 int runExport(std::span<const std::string_view> args);
+int runSession(std::span<const std::string_view> args);
 
 }  // namespace vantrix::bench

@@ -18,10 +18,11 @@ extern "C" {
 namespace vantrix::bench {
 
 std::span<const Command> commands() {
-  static constexpr std::array<Command, 3> kCommands{{
+  static constexpr std::array<Command, 4> kCommands{{
       {"open", "SOURCE", &runOpen},
       {"thumbnails", "SOURCE --count N --height PX", &runThumbnails},
       {"export", "SOURCE OUTPUT [--trim START END] [--segment START END SPEED]...", &runExport},
+      {"session", "SOURCE [--trim START END] [--segment START END SPEED]...", &runSession},
   }};
   return kCommands;
 }
