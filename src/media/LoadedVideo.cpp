@@ -1,6 +1,9 @@
 #include "media/LoadedVideo.h"
 
+#include "media/CompositionBuilder.h"
 #include "media/MediaLog.h"
+
+#include <QThread>
 
 #include <algorithm>
 #include <array>
@@ -51,7 +54,20 @@ std::expected<LoadedVideo, AppError> LoadedVideo::load(const std::filesystem::pa
     qCInfo(lcMedia, "Asset has no usable video: %s", name.c_str());
     return std::unexpected(AppError::unsupportedFile());
   }
-  return LoadedVideo{Uuid::random(), path, std::move(*asset)};
+  return LoadedVideo{Uuid::random(), path, std::move(*asset), nullptr};
+}
+
+std::expected<void, AppError> LoadedVideo::attachPlayer(Player::Options options) {
+  auto passThrough = CompositionBuilder::build(SpeedTimeline(asset->duration()), asset);
+  if (!passThrough) return std::unexpected(passThrough.error());
+  // A QObject must be deleted on its own thread: a last copy dropped elsewhere defers it there.
+  player = std::shared_ptr<Player>(new Player(std::move(*passThrough), std::move(options)), [](Player* p) {
+    if (p->thread() == QThread::currentThread())
+      delete p;
+    else
+      p->deleteLater();
+  });
+  return {};
 }
 
 }  // namespace vantrix

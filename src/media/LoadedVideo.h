@@ -2,6 +2,7 @@
 
 #include "media/AppError.h"
 #include "media/MediaAsset.h"
+#include "media/Player.h"
 #include "model/Uuid.h"
 
 #include <expected>
@@ -19,13 +20,23 @@ std::span<const std::string_view> supportedExtensions();
 bool hasSupportedExtension(const std::filesystem::path& path);
 
 // An opened video: a fresh id per successful load (two loads of one file differ), the path as it
-// was given, and the probed asset. The only way to make one is load().
+// was given, the probed asset and, once the video reaches the GUI thread, its player. The only
+// way to make one is load().
 //
-// A plain value; thread-safe to copy and read.
+// A plain value; thread-safe to copy and read. The player it points to is for the GUI thread.
 struct LoadedVideo {
   Uuid id;
   std::filesystem::path path;
   std::shared_ptr<const MediaAsset> asset;
+  // Plays the unedited source until the app installs an edited composition. Null until
+  // attachPlayer(): load() runs on a worker thread, and a player belongs to the GUI thread. Each
+  // load gets its own player. Released on the GUI thread whichever copy lets it go last.
+  std::shared_ptr<Player> player;
+
+  // Gives the video its player, paused at the start of the one-range pass-through composition
+  // of the source. Call on the GUI thread, once the load's result is there. Fails only when that
+  // composition cannot be built (compositionFailed, logged by the builder).
+  std::expected<void, AppError> attachPlayer(Player::Options options = {});
 
   // Decides whether `path` can be edited and opens it. Checks, in order, each refusal logged at
   // info level in "vantrix.media" with the file name:
