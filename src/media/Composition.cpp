@@ -19,12 +19,11 @@ const CompositionEdit* editAt(const std::vector<CompositionEdit>& edits, Rationa
 
 RationalTime CompositionEdit::sourceTimeAt(RationalTime t) const {
   const RationalTime offset = t - outputStart;
-  if (sourceDuration == outputDuration) return sourceStart + offset;
-  using namespace timemath;
-  // offset * (sd.v / sd.ts) / (od.v / od.ts), expressed on sd.ts: offset.v * sd.v * od.ts / (offset.ts * od.v).
-  const Wide numerator = mul(mul(offset.value(), sourceDuration.value()), outputDuration.timescale());
-  const Wide denominator = mul(offset.timescale(), outputDuration.value());
-  return sourceStart + RationalTime(narrow(floorDiv(numerator, denominator)), sourceDuration.timescale());
+  if (!speed) return sourceStart + offset;
+  // Exact, as the timeline maps it; the end is a bound because a duration that had to be rounded
+  // for a 32-bit timescale may make the stretch a hair longer than its source.
+  const RationalTime x = sourceStart + offset.multipliedBy(multiplier(*speed));
+  return x > sourceEnd() ? sourceEnd() : x;
 }
 
 Composition::Composition(std::shared_ptr<const MediaAsset> asset, DisplayTransform transform,

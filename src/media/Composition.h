@@ -25,9 +25,8 @@ struct CompositionEdit {
   RationalTime sourceEnd() const { return sourceStart + sourceDuration; }
   RationalTime outputEnd() const { return outputStart + outputDuration; }
 
-  // The source instant that plays at output time t (t inside the edit): exact at normal speed;
-  // when sped up, sourceStart + (t - outputStart) * sourceDuration / outputDuration rounded down
-  // to sourceDuration's timescale, so that a frame is never shown before its own time.
+  // The source instant that plays at output time t (t inside the edit), exactly as the timeline
+  // maps it: sourceStart + (t - outputStart) x the speed's factor, at most sourceEnd.
   RationalTime sourceTimeAt(RationalTime t) const;
 
   friend bool operator==(const CompositionEdit&, const CompositionEdit&) = default;

@@ -41,7 +41,7 @@ std::expected<std::optional<VideoFrameSource::Frame>, MediaError> VideoFrameSour
       return emitShowing(edit, t);
     }
     if (!edit.speed) {
-      m_decoder.skipNonReferenceFramesBefore(AV_NOPTS_VALUE);
+      m_decoder.keepOnlyTheLastFrameBefore(AV_NOPTS_VALUE);  // every frame of the stretch is shown
       auto ahead = frameAfterHeld();
       if (!ahead) return std::unexpected(ahead.error());
       if (*ahead != nullptr && (*ahead)->sourceTime < edit.sourceEnd()) {
@@ -61,7 +61,7 @@ std::expected<std::optional<VideoFrameSource::Frame>, MediaError> VideoFrameSour
 
 std::expected<std::optional<VideoFrameSource::Frame>, MediaError> VideoFrameSource::emitShowing(
     const CompositionEdit& edit, RationalTime t) {
-  auto held = latestAtOrBefore(edit.sourceTimeAt(t), edit.speed.has_value());
+  auto held = latestAtOrBefore(edit.sourceTimeAt(t));
   if (!held) return std::unexpected(held.error());
   if (*held == nullptr) {  // a stream without a single decodable frame
     m_edit = m_composition->videoEdits().size();
@@ -71,7 +71,7 @@ std::expected<std::optional<VideoFrameSource::Frame>, MediaError> VideoFrameSour
   return Frame{referenceTo(*(*held)->picture), t, (*held)->sourceTime};
 }
 
-std::expected<const VideoFrameSource::Held*, MediaError> VideoFrameSource::latestAtOrBefore(RationalTime x, bool spedUp) {
+std::expected<const VideoFrameSource::Held*, MediaError> VideoFrameSource::latestAtOrBefore(RationalTime x) {
   const Held* current = m_ahead ? &*m_ahead : m_held ? &*m_held : nullptr;
   bool reposition = !m_positioned || (m_held && m_held->sourceTime > x) || (!m_held && current && current->sourceTime > x);
   if (!reposition && current != nullptr && current->sourceTime < x) {
@@ -83,19 +83,12 @@ std::expected<const VideoFrameSource::Held*, MediaError> VideoFrameSource::lates
     if (auto ok = this->reposition(x); !ok) return std::unexpected(ok.error());
   }
 
-  if (spedUp) {
-    // A non-reference picture that starts two nominal frames or more before x is followed by another
-    // picture at or before x, so it cannot be the one shown and nothing depends on it.
-    const AVRational rate = m_decoder.track().frameRate;
-    const AVRational base = m_decoder.track().timeBase;
-    const std::int64_t frameTicks =
-        rate.num > 0 ? timemath::narrow(timemath::roundDiv(timemath::mul(base.den, rate.den), timemath::mul(base.num, rate.num)))
-                     : 0;
-    m_decoder.skipNonReferenceFramesBefore(frameTicks > 0 ? timestampOf(x) - 2 * frameTicks : AV_NOPTS_VALUE);
-  } else {
-    m_decoder.skipNonReferenceFramesBefore(AV_NOPTS_VALUE);
-  }
-
+  // Only the last frame at or before x is wanted from here to x: non-reference pictures followed
+  // by another picture still before x need not be decoded.
+  // The tick at or before x, not the nearest one: a frame shown just after x must not count.
+  std::int64_t last = timestampOf(x);
+  if (m_composition->asset()->sourceTimeForTimestamp(last, m_decoder.track().timeBase) > x) --last;
+  m_decoder.keepOnlyTheLastFrameBefore(last + 1);
   for (;;) {
     auto ahead = frameAfterHeld();
     if (!ahead) return std::unexpected(ahead.error());

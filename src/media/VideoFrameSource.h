@@ -46,7 +46,7 @@ class VideoFrameSource {
   std::expected<std::optional<Frame>, MediaError> emitShowing(const CompositionEdit& edit, RationalTime t);
   // The latest source frame at or before source time x (the first frame of the stream when x
   // lies before it); null when the stream has no frame at all.
-  std::expected<const Held*, MediaError> latestAtOrBefore(RationalTime x, bool spedUp);
+  std::expected<const Held*, MediaError> latestAtOrBefore(RationalTime x);
   // The first source frame after the one held; null at the end of the stream.
   std::expected<const Held*, MediaError> frameAfterHeld();
   std::expected<bool, MediaError> decodeInto(std::optional<Held>& slot);

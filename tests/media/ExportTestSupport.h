@@ -17,6 +17,10 @@
 #include <string>
 #include <vector>
 
+namespace vantrix {
+inline void PrintTo(RationalTime t, std::ostream* os) { *os << t.toString(); }
+}  // namespace vantrix
+
 namespace vantrix::testing {
 
 // Times in milliseconds keep the tables short: ms(2500) is 2.5 s.
