@@ -12,9 +12,6 @@
 namespace vantrix {
 namespace {
 
-// Playback starts once this many pictures are queued (or the item has no more), so that the
-// first ones are not late.
-constexpr int kStartFrames = 3;
 // Half a second of sound between the decode thread and the device.
 constexpr int kRingFrames = CompositionReader::kSampleRate / 2;
 constexpr int kChannels = 2;
@@ -157,7 +154,9 @@ void Player::advance() {
     }
   }
   if (m_status == TimeControlStatus::waitingToPlay) {
-    if (!m_item || !readyToRun()) return;
+    // The clock starts with the first picture on screen: waiting for more would hold it back in
+    // stretches that decode slowly, where keeping up is the decode thread's job.
+    if (!m_item) return;
     m_playhead->run(m_playhead->now());
     for (auto& [token, observer] : m_observers) observer.next = nextMultiple(currentTime(), observer.interval);
     setStatus(TimeControlStatus::playing);
@@ -177,11 +176,6 @@ void Player::advance() {
     return;
   }
   scheduleNext();
-}
-
-bool Player::readyToRun() const {
-  return m_worker->queued(m_session) >= kStartFrames || m_worker->finished(m_session) ||
-         m_worker->queued(m_session) >= PlayerWorker::kQueueCapacity;
 }
 
 void Player::presentDue(RationalTime now) {

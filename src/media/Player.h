@@ -124,7 +124,6 @@ class Player final : public QObject {
   void advance();
   void presentDue(RationalTime now);
   void show(PlayerFrame frame, bool catchUp, bool late);
-  bool readyToRun() const;
   void notifyObservers(RationalTime now);
   void scheduleNext();
   void setStatus(TimeControlStatus status);
