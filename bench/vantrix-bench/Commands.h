@@ -12,5 +12,7 @@ int runOpen(std::span<const std::string_view> args);
 int runThumbnails(std::span<const std::string_view> args);
 int runExport(std::span<const std::string_view> args);
 int runSession(std::span<const std::string_view> args);
+int runPlayback(std::span<const std::string_view> args);
+int runEditLatency(std::span<const std::string_view> args);
 
 }  // namespace vantrix::bench

@@ -18,11 +18,13 @@ extern "C" {
 namespace vantrix::bench {
 
 std::span<const Command> commands() {
-  static constexpr std::array<Command, 4> kCommands{{
+  static constexpr std::array<Command, 6> kCommands{{
       {"open", "SOURCE", &runOpen},
       {"thumbnails", "SOURCE --count N --height PX", &runThumbnails},
       {"export", "SOURCE OUTPUT [--trim START END] [--segment START END SPEED]...", &runExport},
       {"session", "SOURCE [--trim START END] [--segment START END SPEED]...", &runSession},
+      {"playback", "SOURCE [--trim START END] [--segment START END SPEED]... --from T --seconds S", &runPlayback},
+      {"edit-latency", "SOURCE", &runEditLatency},
   }};
   return kCommands;
 }
