@@ -69,4 +69,4 @@ tsan: deps
 	cmake -S . -B $(TSAN_BUILD) -G Ninja -DCMAKE_BUILD_TYPE=RelWithDebInfo -DVANTRIX_BUILD_BENCH=OFF \
 	  -DVANTRIX_SANITIZE=thread $(CMAKE_ARGS)
 	cmake --build $(TSAN_BUILD) -j $(JOBS) --target player_tests
-	cd $(TSAN_BUILD) && TSAN_OPTIONS="halt_on_error=1 second_deadlock_stack=1" ctest --output-on-failure -R '^(PlayerTest|PlayerSwapTest|States/|Cases/AudioRing|AudioRing|Playhead)' -j $(JOBS)
+	cd $(TSAN_BUILD) && TSAN_OPTIONS="halt_on_error=1 second_deadlock_stack=1 suppressions=$(CURDIR)/tests/media/tsan.supp" ctest --output-on-failure -R '^(PlayerTest|PlayerSwapTest|States/|Cases/AudioRing|AudioRing|Playhead)' -j $(JOBS)
