@@ -22,6 +22,9 @@ std::expected<CompositionReader, MediaError> CompositionReader::open(std::shared
                                                                      std::stop_token stop, Options options) {
   CompositionReader reader;
   reader.m_composition = composition;
+  reader.m_options = options;
+  reader.m_options.audioLayout = nullptr;  // not owned: the layout is kept in m_layout below
+  reader.m_stop = stop;
   auto video = VideoFrameSource::open(composition, stop, options.decoderThreads);
   if (!video) return std::unexpected(video.error());
   reader.m_video = std::move(*video);
@@ -43,7 +46,24 @@ std::expected<CompositionReader, MediaError> CompositionReader::open(std::shared
 
 const AVChannelLayout* CompositionReader::audioLayout() const { return m_audio ? m_layout.get() : nullptr; }
 
+std::expected<void, MediaError> CompositionReader::replaceComposition(std::shared_ptr<const Composition> composition) {
+  if (composition->asset() != m_composition->asset()) {
+    Options options = m_options;
+    options.audioLayout = m_layout.get();
+    auto fresh = open(std::move(composition), m_stop, options);
+    if (!fresh) return std::unexpected(fresh.error());
+    *this = std::move(*fresh);
+    return {};
+  }
+  m_video->replaceComposition(composition);
+  m_composition = std::move(composition);
+  m_audioPosition = 0;
+  m_audioEnd = m_audio ? audioSampleAt(m_composition->duration()) : 0;
+  return {};
+}
+
 void CompositionReader::setStopToken(std::stop_token stop) {
+  m_stop = stop;
   m_video->setStopToken(stop);
   if (m_audio) m_audio->setStopToken(std::move(stop));
 }

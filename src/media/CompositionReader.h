@@ -79,6 +79,11 @@ class CompositionReader {
   // Replaces the token checked by every call (the player reuses one reader across requests).
   void setStopToken(std::stop_token stop);
 
+  // Reads `composition` from now on, positioned at its start. When it is built on the same asset, the
+  // demuxers, decoders and decoded frames are kept, so that a seek to the same source position
+  // right after (the preview after an edit) decodes little or nothing.
+  std::expected<void, MediaError> replaceComposition(std::shared_ptr<const Composition> composition);
+
   // Continues both streams from output time t (clamped to [0, duration]): the next video frame
   // is the one showing at t, with outputTime t, and readAudio continues at audioSampleAt(t).
   std::expected<void, MediaError> seek(RationalTime t);
@@ -96,6 +101,9 @@ class CompositionReader {
 
  private:
   CompositionReader() = default;
+
+  Options m_options;
+  std::stop_token m_stop;
 
   std::shared_ptr<const Composition> m_composition;
   std::unique_ptr<VideoFrameSource> m_video;

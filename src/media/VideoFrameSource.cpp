@@ -31,6 +31,11 @@ void VideoFrameSource::seek(RationalTime t) {
   if (at != edits.end() && *m_pendingStart < at->outputStart) m_pendingStart = at->outputStart;
 }
 
+void VideoFrameSource::replaceComposition(std::shared_ptr<const Composition> composition) {
+  m_composition = std::move(composition);
+  seek(RationalTime::zero());
+}
+
 std::expected<std::optional<VideoFrameSource::Frame>, MediaError> VideoFrameSource::next() {
   const auto& edits = m_composition->videoEdits();
   while (m_edit < edits.size()) {
@@ -51,7 +56,7 @@ std::expected<std::optional<VideoFrameSource::Frame>, MediaError> VideoFrameSour
         return Frame{referenceTo(*m_held->picture), m_lastOutput, m_held->sourceTime};
       }
     } else {
-      const RationalTime t = nextGridInstant(m_lastOutput);
+      const RationalTime t = gridInstant(m_lastOutput, 1);
       if (t < edit.outputEnd()) return emitShowing(edit, t);
     }
     if (++m_edit < edits.size()) m_pendingStart = edits[m_edit].outputStart;
@@ -61,7 +66,14 @@ std::expected<std::optional<VideoFrameSource::Frame>, MediaError> VideoFrameSour
 
 std::expected<std::optional<VideoFrameSource::Frame>, MediaError> VideoFrameSource::emitShowing(
     const CompositionEdit& edit, RationalTime t) {
-  auto held = latestAtOrBefore(edit.sourceTimeAt(t));
+  // In a sped-up edit the picture changes only at the edit's start and on the frame grid, so what
+  // shows at t is the source frame sampled at the last of those instants at or before t.
+  RationalTime sampled = t;
+  if (edit.speed) {
+    const RationalTime grid = gridInstant(t, 0);
+    sampled = grid > edit.outputStart ? grid : edit.outputStart;
+  }
+  auto held = latestAtOrBefore(edit.sourceTimeAt(sampled));
   if (!held) return std::unexpected(held.error());
   if (*held == nullptr) {  // a stream without a single decodable frame
     m_edit = m_composition->videoEdits().size();
@@ -85,10 +97,7 @@ std::expected<const VideoFrameSource::Held*, MediaError> VideoFrameSource::lates
 
   // Only the last frame at or before x is wanted from here to x: non-reference pictures followed
   // by another picture still before x need not be decoded.
-  // The tick at or before x, not the nearest one: a frame shown just after x must not count.
-  std::int64_t last = timestampOf(x);
-  if (m_composition->asset()->sourceTimeForTimestamp(last, m_decoder.track().timeBase) > x) --last;
-  m_decoder.keepOnlyTheLastFrameBefore(last + 1);
+  m_decoder.keepOnlyTheLastFrameBefore(timestampOf(x) + 1);
   for (;;) {
     auto ahead = frameAfterHeld();
     if (!ahead) return std::unexpected(ahead.error());
@@ -129,14 +138,20 @@ std::expected<void, MediaError> VideoFrameSource::reposition(RationalTime x) {
 }
 
 std::int64_t VideoFrameSource::timestampOf(RationalTime sourceTime) const {
-  return m_composition->asset()->timestampForSourceTime(sourceTime, m_decoder.track().timeBase);
+  // The tick at or before the instant, not the nearest one: a frame that starts just after it is
+  // not shown there.
+  const MediaAsset& asset = *m_composition->asset();
+  const AVRational base = m_decoder.track().timeBase;
+  std::int64_t ticks = asset.timestampForSourceTime(sourceTime, base);
+  if (asset.sourceTimeForTimestamp(ticks, base) > sourceTime) --ticks;
+  return ticks;
 }
 
-RationalTime VideoFrameSource::nextGridInstant(RationalTime t) const {
+RationalTime VideoFrameSource::gridInstant(RationalTime t, int step) const {
   using namespace timemath;
   const AVRational rate = m_decoder.track().frameRate;  // frames per second
-  // floor(t * rate) + 1 frames, at den / num seconds each.
-  const Wide frames = floorDiv(mul(t.value(), rate.num), mul(t.timescale(), rate.den)) + 1;
+  // (floor(t * rate) + step) frames, at den / num seconds each.
+  const Wide frames = floorDiv(mul(t.value(), rate.num), mul(t.timescale(), rate.den)) + step;
   return {narrow(mul(frames, rate.den)), rate.num};
 }
 

@@ -34,6 +34,9 @@ class VideoFrameSource {
 
   // The next frame to come out is the one showing at output time t, with outputTime t.
   void seek(RationalTime t);
+  // Follows another composition of the same asset from its start, keeping the decoder and the
+  // decoded frames.
+  void replaceComposition(std::shared_ptr<const Composition> composition);
   std::expected<std::optional<Frame>, MediaError> next();
 
  private:
@@ -51,9 +54,11 @@ class VideoFrameSource {
   std::expected<const Held*, MediaError> frameAfterHeld();
   std::expected<bool, MediaError> decodeInto(std::optional<Held>& slot);
   std::expected<void, MediaError> reposition(RationalTime x);
+  // The source instant in ticks of the track's time base, rounded down.
   std::int64_t timestampOf(RationalTime sourceTime) const;
-  // The first instant of the output frame grid strictly after t.
-  RationalTime nextGridInstant(RationalTime t) const;
+  // Instants of the output frame grid (multiples of 1/frameRate): step 0 gives the last one at or
+  // before t, step 1 the first one after t.
+  RationalTime gridInstant(RationalTime t, int step) const;
 
   std::shared_ptr<const Composition> m_composition;
   VideoDecoder m_decoder;

@@ -39,9 +39,15 @@ TEST(CompositionReader, SeeksLandOnTheFrameShowingThere) {
     auto frame = reader->nextVideoFrame();
     ASSERT_TRUE(frame && *frame) << t.toString();
     EXPECT_EQ((*frame)->outputTime, t);
-    // The frame shown is the latest source frame at or before the mapped instant.
+    // The frame shown is the latest source frame at or before the mapped instant; in a sped-up
+    // stretch the picture changes only at its start and on the 1/30 s frame grid.
     const RationalTime origin = f.sourceFrames.front().time;
-    const RationalTime x = f.timeline.sourceTimeForOutput(t);
+    RationalTime sampled = t;
+    if (const CompositionEdit* edit = f.composition->videoEditAt(t); edit && edit->speed) {
+      const RationalTime grid{static_cast<std::int64_t>(t.value() * 30 / t.timescale()), 30};
+      sampled = grid > edit->outputStart ? grid : edit->outputStart;
+    }
+    const RationalTime x = f.timeline.sourceTimeForOutput(sampled);
     RationalTime expected = RationalTime::zero();
     for (const DecodedFrame& s : f.sourceFrames)
       if (s.time - origin <= x) expected = s.time - origin;
@@ -84,6 +90,29 @@ TEST(CompositionReader, SoundTilesTheOutputAndSpedUpStretchesAreZero) {
   }
   EXPECT_EQ(position, CompositionReader::audioSampleAt(f.composition->duration()));
   EXPECT_GT(loudInNormal, (position - (spedTo - spedFrom)) / 2);  // the tone is there where it belongs
+}
+
+// The preview after an edit: the same asset in a new composition, at the same source instant. The
+// decoded frames carry over, so the frame comes back without decoding the way to it again.
+TEST(CompositionReader, ANewCompositionOfTheSameAssetKeepsTheDecodedFrames) {
+  const Fixture f = makeFixture({});
+  auto reader = CompositionReader::open(f.composition);
+  ASSERT_TRUE(reader);
+  const RationalTime source = ms(2500);
+  ASSERT_TRUE(reader->seek(f.timeline.outputTimeForSource(source)));
+  auto before = reader->nextVideoFrame();
+  ASSERT_TRUE(before && *before);
+  ASSERT_EQ((*before)->sourceTime, source);
+  const std::int64_t decoded = reader->framesDecoded();
+
+  const SpeedTimeline edited = timelineFor(*f.asset, std::pair{300, 2900}, {{400, 500, Speed::x2}});
+  ASSERT_TRUE(reader->replaceComposition(compose(edited, f.asset)));
+  ASSERT_TRUE(reader->seek(edited.outputTimeForSource(source)));
+  auto after = reader->nextVideoFrame();
+  ASSERT_TRUE(after && *after);
+  EXPECT_EQ((*after)->sourceTime, source);
+  EXPECT_EQ((*after)->outputTime, edited.outputTimeForSource(source));
+  EXPECT_LE(reader->framesDecoded() - decoded, 1);
 }
 
 }  // namespace
