@@ -62,14 +62,5 @@ TEST(MediaError, OutOfDiskSpaceIsFoundAtAnyDepth) {
   for (const auto& c : cases) EXPECT_EQ(c.error.isOutOfDiskSpace(), c.full) << c.what;
 }
 
-TEST(MediaError, DescriptionNamesTheCodeAndTheCauses) {
-  const MediaError e = MediaError::own(MediaError::Code::internal, "Exporting out.mp4")
-                           .causedBy(MediaError::ffmpeg(AVERROR(ENOSPC), "Writing a packet"));
-  const std::string text = e.description();
-  EXPECT_NE(text.find("Exporting out.mp4"), std::string::npos) << text;
-  EXPECT_NE(text.find("ffmpeg -28"), std::string::npos) << text;
-  EXPECT_NE(text.find("Writing a packet"), std::string::npos) << text;
-}
-
 }  // namespace
 }  // namespace vantrix

@@ -201,26 +201,6 @@ TEST_F(LoadedVideoTest, EachLoadGetsItsOwnId) {
   EXPECT_EQ(first->asset->duration(), second->asset->duration());
 }
 
-TEST_F(LoadedVideoTest, ExtensionsAreMatchedWithoutRegardToCase) {
-  const struct {
-    const char* name;
-    bool supported;
-  } cases[] = {{"a.mov", true},   {"a.MOV", true},      {"a.Mp4", true}, {"a.m4V", true},
-               {"a.b.mp4", true}, {"a.mp4.txt", false}, {"a", false},    {"a.", false},
-               {".mp4", false},   {"a.mpeg4", false},   {"a.avi", false}};
-  for (const auto& c : cases) EXPECT_EQ(hasSupportedExtension(c.name), c.supported) << c.name;
-}
-
-// A stopped load logs nothing; the caller that stopped it discards the result.
-TEST_F(LoadedVideoTest, AStoppedLoadReturnsWithoutReading) {
-  std::stop_source stop;
-  stop.request_stop();
-  LogCapture log;
-  const auto result = LoadedVideo::load(testing::fixture({}), stop.get_token());
-  ASSERT_FALSE(result);
-  EXPECT_TRUE(log.messages("vantrix.media").isEmpty()) << log.messages("vantrix.media").join("; ").toStdString();
-}
-
 // A file that arrives slowly (a pipe fed a little at a time) keeps the open waiting; stopping the
 // load must end it before the rest of the file arrives.
 TEST_F(LoadedVideoTest, StoppingASlowOpenEndsItPromptly) {

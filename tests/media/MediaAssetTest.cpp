@@ -71,16 +71,6 @@ TEST(MediaAsset, GeneratedFilesReportTheirStreamsAndTheExactSpanOfTheirFrames) {
   }
 }
 
-TEST(MediaAsset, CoverArtIsNotVideo) {
-  FixtureSpec s;
-  s.coverArtOnly = true;
-  const auto asset = openAsset(testing::fixture(s));
-  ASSERT_TRUE(asset);
-  EXPECT_FALSE(asset->video());
-  EXPECT_TRUE(asset->audio());
-  EXPECT_EQ(asset->duration(), RationalTime::zero());
-}
-
 // Every real file with video opens, and its duration is exactly the span of its decoded frames.
 TEST(MediaAsset, RealWorldDurationsAreTheSpanOfTheDecodedFrames) {
   VANTRIX_REQUIRE_REAL_WORLD();
