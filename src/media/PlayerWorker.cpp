@@ -130,17 +130,31 @@ void PlayerWorker::begin(const Request& request) {
   m_videoDone = true;
   m_audioDone = true;
   if (request.item != m_item) {
-    if (m_sampler && (!request.item || !m_item || request.item->asset() != m_item->asset())) m_sampler.reset();
-    m_reader.reset();
+    const bool sameAsset = request.item && m_item && request.item->asset() == m_item->asset();
+    if (m_sampler && !sameAsset) m_sampler.reset();
     m_item = request.item;
-    if (!m_item) return finish();
-    static const AVChannelLayout kStereo = AV_CHANNEL_LAYOUT_STEREO;
-    auto reader = CompositionReader::open(m_item, request.stop, {m_ring ? &kStereo : nullptr, m_decoderThreads});
-    if (!reader) {
-      m_item.reset();
-      return fail(reader.error());
+    if (!m_item) {
+      m_reader.reset();
+      return finish();
     }
-    m_reader.emplace(std::move(*reader));
+    if (sameAsset && m_reader) {
+      // An edit of the same video: the reader keeps its decoders and decoded frames, so the seek
+      // below to the same source instant decodes little or nothing.
+      if (auto replaced = m_reader->replaceComposition(m_item); !replaced) {
+        m_reader.reset();
+        m_item.reset();
+        return fail(replaced.error());
+      }
+    } else {
+      m_reader.reset();
+      static const AVChannelLayout kStereo = AV_CHANNEL_LAYOUT_STEREO;
+      auto reader = CompositionReader::open(m_item, request.stop, {m_ring ? &kStereo : nullptr, m_decoderThreads});
+      if (!reader) {
+        m_item.reset();
+        return fail(reader.error());
+      }
+      m_reader.emplace(std::move(*reader));
+    }
   }
   if (!m_reader) return finish();
   m_reader->setStopToken(request.stop);

@@ -50,8 +50,7 @@ std::expected<std::optional<VideoFrameSource::Frame>, MediaError> VideoFrameSour
       auto ahead = frameAfterHeld();
       if (!ahead) return std::unexpected(ahead.error());
       if (*ahead != nullptr && (*ahead)->sourceTime < edit.sourceEnd()) {
-        m_held = std::move(m_ahead);
-        m_ahead.reset();
+        promoteAhead();
         m_lastOutput = edit.outputStart + (m_held->sourceTime - edit.sourceStart);
         return Frame{referenceTo(*m_held->picture), m_lastOutput, m_held->sourceTime};
       }
@@ -84,8 +83,9 @@ std::expected<std::optional<VideoFrameSource::Frame>, MediaError> VideoFrameSour
 }
 
 std::expected<const VideoFrameSource::Held*, MediaError> VideoFrameSource::latestAtOrBefore(RationalTime x) {
+  if (m_held && m_held->sourceTime > x) stepBack(x);
   const Held* current = m_ahead ? &*m_ahead : m_held ? &*m_held : nullptr;
-  bool reposition = !m_positioned || (m_held && m_held->sourceTime > x) || (!m_held && current && current->sourceTime > x);
+  bool reposition = !m_positioned || current == nullptr || (m_held ? m_held->sourceTime : current->sourceTime) > x;
   if (!reposition && current != nullptr && current->sourceTime < x) {
     // Far ahead: when a keyframe lies between here and x, starting from it skips the frames between.
     const auto keyframe = m_decoder.keyframeAtOrBefore(timestampOf(x));
@@ -102,17 +102,48 @@ std::expected<const VideoFrameSource::Held*, MediaError> VideoFrameSource::lates
     auto ahead = frameAfterHeld();
     if (!ahead) return std::unexpected(ahead.error());
     if (*ahead == nullptr || (m_held && (*ahead)->sourceTime > x)) break;
-    m_held = std::move(m_ahead);
-    m_ahead.reset();
+    promoteAhead();
     if (m_held->sourceTime >= x) break;
   }
+  // Pictures before x may have been left undecoded on the way: the kept ones are no longer a
+  // complete run of frames to step back into.
+  m_history.clear();
   return m_held ? &*m_held : nullptr;
 }
 
+void VideoFrameSource::promoteAhead() {
+  if (m_held) {
+    m_history.push_back(std::move(*m_held));
+    if (m_history.size() > kHistoryFrames) m_history.pop_front();
+  }
+  m_held = std::move(m_ahead);
+  m_ahead.reset();
+}
+
+void VideoFrameSource::stepBack(RationalTime x) {
+  if (m_history.empty() || m_history.front().sourceTime > x) return;
+  if (m_ahead) m_replay.push_front(std::move(*m_ahead));
+  m_ahead.reset();
+  m_replay.push_front(std::move(*m_held));
+  while (m_history.back().sourceTime > x) {
+    m_replay.push_front(std::move(m_history.back()));
+    m_history.pop_back();
+  }
+  m_held = std::move(m_history.back());
+  m_history.pop_back();
+}
+
 std::expected<const VideoFrameSource::Held*, MediaError> VideoFrameSource::frameAfterHeld() {
+  if (!m_ahead && !m_replay.empty()) {
+    m_ahead = std::move(m_replay.front());
+    m_replay.pop_front();
+  }
   while (!m_ahead && !m_streamEnded) {
     const auto frame = m_decoder.nextFrame();
-    if (!frame) return std::unexpected(frame.error());
+    if (!frame) {
+      m_positioned = false;  // stopped or failed half-way: where the decoder stands is unknown
+      return std::unexpected(frame.error());
+    }
     if (*frame == nullptr) {
       m_streamEnded = true;
       break;
@@ -132,6 +163,8 @@ std::expected<void, MediaError> VideoFrameSource::reposition(RationalTime x) {
   if (auto ok = m_decoder.seek(timestampOf(x)); !ok) return ok;
   m_held.reset();
   m_ahead.reset();
+  m_history.clear();
+  m_replay.clear();
   m_streamEnded = false;
   m_positioned = true;
   return {};

@@ -6,6 +6,7 @@
 #include "media/VideoDecoder.h"
 
 #include <cstdint>
+#include <deque>
 #include <expected>
 #include <memory>
 #include <optional>
@@ -62,8 +63,20 @@ class VideoFrameSource {
 
   std::shared_ptr<const Composition> m_composition;
   VideoDecoder m_decoder;
+  // Frames kept behind the one held, so that a step back by a few frames (the preview after an
+  // edit, at the playhead, while the decoder has run ahead of it) needs no new decoding.
+  static constexpr std::size_t kHistoryFrames = 12;
+
+  // The picture after m_held becomes the held one; the old one goes to the history.
+  void promoteAhead();
+  // Makes the latest kept frame at or before x the held one, when the history reaches back to x;
+  // the frames after it are served again before any new decoding.
+  void stepBack(RationalTime x);
+
+  std::deque<Held> m_history;  // decoded frames before m_held, a complete run, oldest first
   std::optional<Held> m_held;  // the latest decoded frame at or before the last target
   std::optional<Held> m_ahead; // the decoded frame after m_held, when one was needed to know that
+  std::deque<Held> m_replay;   // decoded frames after m_ahead, from a step back
   bool m_streamEnded = false;
   bool m_positioned = false;
 
