@@ -36,15 +36,12 @@ std::expected<CompositionReader, MediaError> CompositionReader::open(std::shared
     if (options.audioLayout != nullptr) av_channel_layout_copy(layout, options.audioLayout);
     else if (track.channelMask != 0) av_channel_layout_from_mask(layout, track.channelMask);
     else av_channel_layout_default(layout, std::max(1, track.channelCount));
-    auto audio = AudioSampleSource::open(composition->asset(), *layout, kSampleRate, stop);
-    if (!audio) return std::unexpected(audio.error());
-    reader.m_audio = std::move(*audio);
     reader.m_audioEnd = audioSampleAt(composition->duration());
   }
   return reader;
 }
 
-const AVChannelLayout* CompositionReader::audioLayout() const { return m_audio ? m_layout.get() : nullptr; }
+const AVChannelLayout* CompositionReader::audioLayout() const { return m_layout.get(); }
 
 std::expected<void, MediaError> CompositionReader::replaceComposition(std::shared_ptr<const Composition> composition) {
   if (composition->asset() != m_composition->asset()) {
@@ -58,7 +55,7 @@ std::expected<void, MediaError> CompositionReader::replaceComposition(std::share
   m_video->replaceComposition(composition);
   m_composition = std::move(composition);
   m_audioPosition = 0;
-  m_audioEnd = m_audio ? audioSampleAt(m_composition->duration()) : 0;
+  m_audioEnd = m_layout ? audioSampleAt(m_composition->duration()) : 0;
   return {};
 }
 
@@ -83,7 +80,7 @@ std::expected<std::optional<CompositionReader::VideoFrame>, MediaError> Composit
 }
 
 std::expected<int, MediaError> CompositionReader::readAudio(float* const* planes, int count) {
-  if (!m_audio) return 0;
+  if (!m_layout) return 0;
   const int channels = m_layout->nb_channels;
   int written = 0;
   while (written < count && m_audioPosition < m_audioEnd) {
@@ -110,6 +107,12 @@ std::expected<int, MediaError> CompositionReader::readAudio(float* const* planes
       for (int c = 0; c < channels; ++c) std::fill_n(planes[c] + written, n, 0.0f);
     } else {
       const std::int64_t sourceIndex = audioSampleAt(edit->sourceStart) + (position - audioSampleAt(edit->outputStart));
+      // The sound's demuxer opens on first use, so the first picture does not wait for it.
+      if (!m_audio) {
+        auto audio = AudioSampleSource::open(m_composition->asset(), *m_layout, kSampleRate, m_stop);
+        if (!audio) return std::unexpected(audio.error());
+        m_audio = std::move(*audio);
+      }
       if (auto ok = m_audio->read(sourceIndex, n, planes, written); !ok) return std::unexpected(ok.error());
     }
     written += n;
