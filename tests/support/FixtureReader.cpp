@@ -8,6 +8,7 @@ extern "C" {
 
 #include <QTransform>
 
+#include <algorithm>
 #include <cmath>
 #include <cstring>
 
@@ -90,7 +91,12 @@ std::vector<DecodedFrame> readFrames(const std::filesystem::path& file) {
   // With composition offsets (B-frames) the demuxer's packet durations are guesses from the
   // nominal rate; the gaps between presentation times and the stream's end are the stored truth.
   for (std::size_t i = 0; i + 1 < frames.size(); ++i) frames[i].duration = frames[i + 1].time - frames[i].time;
-  if (!frames.empty() && streamEnd && *streamEnd > frames.back().time)
+  // A declared end far beyond any frame's length is a placeholder (fragmented files store
+  // 0xFFFFFFFF ticks there), not timing.
+  RationalTime longest = frames.empty() ? RationalTime::zero() : frames.back().duration;
+  for (std::size_t i = 0; i + 1 < frames.size(); ++i) longest = std::max(longest, frames[i].duration);
+  if (!frames.empty() && streamEnd && *streamEnd > frames.back().time &&
+      *streamEnd - frames.back().time <= longest.multipliedBy(2))
     frames.back().duration = *streamEnd - frames.back().time;
   return frames;
 }
