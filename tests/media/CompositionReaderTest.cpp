@@ -16,8 +16,8 @@ struct Fixture {
   std::vector<DecodedFrame> sourceFrames;
 };
 
-Fixture makeFixture(const FixtureSpec& spec) {
-  const auto file = fixture(spec);
+Fixture makeFixture(const FixtureSpec& recipe) {
+  const auto file = fixture(recipe);
   auto asset = openAsset(file);
   SpeedTimeline timeline = timelineFor(*asset, std::pair{300, 2900}, {{600, 1400, Speed::x4}, {1400, 2000, Speed::x16}});
   auto composition = compose(timeline, asset);

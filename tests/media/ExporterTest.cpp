@@ -146,9 +146,9 @@ TEST(Exporter, EveryOutputFrameShowsTheFrameTheRulePredicts) {
 // In normal-speed stretches the tone heard is the one of the source second playing there; sped-up
 // stretches are digital silence; the sound lasts as long as the picture.
 TEST(Exporter, SoundFollowsThePictureAndSpedUpStretchesAreSilent) {
-  FixtureSpec spec;
-  spec.seconds = 4;
-  const auto asset = openAsset(fixture(spec));
+  FixtureSpec recipe;
+  recipe.seconds = 4;
+  const auto asset = openAsset(fixture(recipe));
   ASSERT_TRUE(asset);
   const SpeedTimeline timeline = timelineFor(*asset, std::pair{500, 4000}, {{1500, 2500, Speed::x4}});
   QTemporaryDir dir;
@@ -194,10 +194,10 @@ TEST(Exporter, AudioTracksFollowTheSource) {
   } rows[] = {{AudioLayout::none, false, 0}, {AudioLayout::mono, true, 1}, {AudioLayout::surround51, true, 6}};
   QTemporaryDir dir;
   for (const auto& row : rows) {
-    FixtureSpec spec;
-    spec.audio = row.layout;
-    spec.seconds = 2;
-    const auto asset = openAsset(fixture(spec));
+    FixtureSpec recipe;
+    recipe.audio = row.layout;
+    recipe.seconds = 2;
+    const auto asset = openAsset(fixture(recipe));
     ASSERT_TRUE(asset);
     const auto out = exportTo(compose(timelineFor(*asset, std::nullopt, {{500, 1500, Speed::x2}}), asset),
                               dir.filePath("a.mp4").toStdString());
@@ -211,9 +211,9 @@ TEST(Exporter, AudioTracksFollowTheSource) {
 // Another player's view of the file: the rotation, a constant frame rate where the source has one,
 // and never a rate above the source's.
 TEST(Exporter, OtherPlayersSeeTheRotationAndTheSourceFrameRate) {
-  FixtureSpec spec;
-  spec.rotation = 270;
-  const auto asset = openAsset(fixture(spec));
+  FixtureSpec recipe;
+  recipe.rotation = 270;
+  const auto asset = openAsset(fixture(recipe));
   ASSERT_TRUE(asset);
   QTemporaryDir dir;
   // Boundaries on the frame grid (1.6 s at x16 lasts 3 frames): off-grid ones shift the frames
@@ -237,10 +237,10 @@ TEST(Exporter, OtherPlayersSeeTheRotationAndTheSourceFrameRate) {
 }
 
 TEST(Exporter, ProgressGrowsAndEndsAtExactlyOne) {
-  FixtureSpec spec;
-  spec.seconds = 4;
-  spec.width = 640, spec.height = 480;  // slow enough for several reports
-  const auto asset = openAsset(fixture(spec));
+  FixtureSpec recipe;
+  recipe.seconds = 4;
+  recipe.width = 640, recipe.height = 480;  // slow enough for several reports
+  const auto asset = openAsset(fixture(recipe));
   QTemporaryDir dir;
   const auto out = exportTo(compose(timelineFor(*asset, std::nullopt, {}), asset), dir.filePath("p.mp4").toStdString());
   ASSERT_TRUE(out.result && *out.result == Outcome::finished);
@@ -251,10 +251,10 @@ TEST(Exporter, ProgressGrowsAndEndsAtExactlyOne) {
 }
 
 TEST(Exporter, CancellingLeavesNoFile) {
-  FixtureSpec spec;
-  spec.seconds = 4;
-  spec.width = 640, spec.height = 480;
-  const auto asset = openAsset(fixture(spec));
+  FixtureSpec recipe;
+  recipe.seconds = 4;
+  recipe.width = 640, recipe.height = 480;
+  const auto asset = openAsset(fixture(recipe));
   const auto composition = compose(timelineFor(*asset, std::nullopt, {}), asset);
   QTemporaryDir dir;
   // About a third of the way through.
@@ -275,12 +275,12 @@ TEST(Exporter, CancellingLeavesNoFile) {
 }
 
 TEST(Exporter, ASourceDeletedDuringTheExportFailsAndLeavesNoFile) {
-  FixtureSpec spec;
-  spec.seconds = 4;
-  spec.width = 640, spec.height = 480;
+  FixtureSpec recipe;
+  recipe.seconds = 4;
+  recipe.width = 640, recipe.height = 480;
   QTemporaryDir dir;
   const std::filesystem::path copy = dir.filePath("source.mp4").toStdString();
-  std::filesystem::copy_file(fixture(spec), copy);
+  std::filesystem::copy_file(fixture(recipe), copy);
   const auto asset = openAsset(copy);
   LogCapture logs;
   const auto out = exportTo(compose(timelineFor(*asset, std::nullopt, {}), asset), dir.filePath("e.mp4").toStdString(),
@@ -304,9 +304,9 @@ TEST(Exporter, AFullDiskGivesDiskFullAndLeavesNoFile) {
     std::string at;
     ~Unmount() { umount(at.c_str()); }
   } unmount{mountPoint};
-  FixtureSpec spec;
-  spec.width = 640, spec.height = 480;  // about 80 KiB of output
-  const auto asset = openAsset(fixture(spec));
+  FixtureSpec recipe;
+  recipe.width = 640, recipe.height = 480;  // about 80 KiB of output
+  const auto asset = openAsset(fixture(recipe));
   LogCapture logs;
   const auto out = exportTo(compose(timelineFor(*asset, std::nullopt, {}), asset), mountPoint + "/full.mp4");
   ASSERT_FALSE(out.result);

@@ -24,7 +24,7 @@ std::shared_ptr<const MediaAsset> openAsset(const std::filesystem::path& file) {
   return asset ? *asset : nullptr;
 }
 
-FixtureSpec spec(std::function<void(FixtureSpec&)> change) {
+FixtureSpec recipe(std::function<void(FixtureSpec&)> change) {
   FixtureSpec s;
   change(s);
   return s;
@@ -33,18 +33,18 @@ FixtureSpec spec(std::function<void(FixtureSpec&)> change) {
 TEST(MediaAsset, GeneratedFilesReportTheirStreamsAndTheExactSpanOfTheirFrames) {
   const FixtureSpec cases[] = {
       {},
-      spec([](auto& s) {
+      recipe([](auto& s) {
         s.container = Container::mov, s.frameRateNum = 30000, s.frameRateDen = 1001, s.audio = AudioLayout::mono;
       }),
-      spec([](auto& s) { s.variableFrameRate = true; }),
-      spec([](auto& s) { s.variableFrameRate = true, s.container = Container::mov, s.seconds = 2.5; }),
-      spec([](auto& s) { s.codec = VideoCodec::mpeg4, s.container = Container::m4v, s.audio = AudioLayout::none; }),
-      spec([](auto& s) {
+      recipe([](auto& s) { s.variableFrameRate = true; }),
+      recipe([](auto& s) { s.variableFrameRate = true, s.container = Container::mov, s.seconds = 2.5; }),
+      recipe([](auto& s) { s.codec = VideoCodec::mpeg4, s.container = Container::m4v, s.audio = AudioLayout::none; }),
+      recipe([](auto& s) {
         s.codec = VideoCodec::mjpeg, s.container = Container::mov, s.audioCodec = testing::AudioCodec::pcm;
       }),
-      spec([](auto& s) { s.rotation = 90, s.frameRateNum = 25, s.audio = AudioLayout::surround51; }),
-      spec([](auto& s) { s.rotation = 270, s.width = 240, s.height = 320, s.sampleRate = 44100; }),
-      spec([](auto& s) { s.rotation = 180, s.gopFrames = 7, s.seconds = 1.3; }),
+      recipe([](auto& s) { s.rotation = 90, s.frameRateNum = 25, s.audio = AudioLayout::surround51; }),
+      recipe([](auto& s) { s.rotation = 270, s.width = 240, s.height = 320, s.sampleRate = 44100; }),
+      recipe([](auto& s) { s.rotation = 180, s.gopFrames = 7, s.seconds = 1.3; }),
   };
   for (const FixtureSpec& s : cases) {
     const auto file = testing::fixture(s);

@@ -58,8 +58,8 @@ TEST(ThumbnailGenerator, EachImageIsTheNearestFrameShownUpright) {
     rotated.rotation = rotation;
     cases.push_back(rotated);
   }
-  for (const FixtureSpec& spec : cases) {
-    const auto file = testing::fixture(spec);
+  for (const FixtureSpec& recipe : cases) {
+    const auto file = testing::fixture(recipe);
     const auto frames = testing::readFrames(file);
     const auto asset = openAsset(file);
     ASSERT_TRUE(asset && !frames.empty()) << file;
@@ -71,12 +71,12 @@ TEST(ThumbnailGenerator, EachImageIsTheNearestFrameShownUpright) {
       const auto code = testing::readBarcode(t.image);
       ASSERT_TRUE(code) << file << " at " << times[i].toString() << ": no upright code";
       const RationalTime asked = times[i] + frames.front().time;  // source time zero is the first frame
-      const RationalTime shown = testing::frameTime(spec, *code);
+      const RationalTime shown = testing::frameTime(recipe, *code);
       const auto gap = [&](RationalTime a) { return a < asked ? asked - a : a - asked; };
       EXPECT_LE(gap(shown), ThumbnailGenerator::kTolerance) << file << " frame " << *code;
       for (const auto& f : frames)
         EXPECT_LE(gap(shown), gap(f.time)) << file << ": frame " << *f.barcode << " is closer";
-      const bool portrait = spec.rotation == 90 || spec.rotation == 270;
+      const bool portrait = recipe.rotation == 90 || recipe.rotation == 270;
       EXPECT_EQ(t.image.height(), kHeight) << file;
       EXPECT_EQ(t.image.width(), portrait ? 48 : 85) << file;  // 320 x 240 stored
     }

@@ -41,9 +41,9 @@ T* require(T* object, const std::string& step) {
   return object;
 }
 
-const char* muxerFor(const FixtureSpec& spec) {
-  if (spec.audio != AudioLayout::none && spec.audioCodec == AudioCodec::pcm) return "mov";
-  switch (spec.container) {
+const char* muxerFor(const FixtureSpec& recipe) {
+  if (recipe.audio != AudioLayout::none && recipe.audioCodec == AudioCodec::pcm) return "mov";
+  switch (recipe.container) {
     case Container::mov: return "mov";
     case Container::m4v: return "ipod";
     case Container::mp4: break;
@@ -64,21 +64,21 @@ AVChannelLayout layoutFor(AudioLayout layout) {
 // A constant-rate stream is encoded in frame units, as recording tools do, so that the encoder
 // writes the true rate into the bitstream (H.264 timing info); the demuxer relies on it for packet
 // durations. Variable-rate streams use the fine container time base throughout.
-AVRational encoderTimeBase(const FixtureSpec& spec) {
-  if (spec.variableFrameRate) return {1, static_cast<int>(videoTimescale(spec))};
-  return {spec.frameRateDen, spec.frameRateNum};
+AVRational encoderTimeBase(const FixtureSpec& recipe) {
+  if (recipe.variableFrameRate) return {1, static_cast<int>(videoTimescale(recipe))};
+  return {recipe.frameRateDen, recipe.frameRateNum};
 }
 
-std::int64_t encoderPts(const FixtureSpec& spec, std::int64_t frameIndex) {
-  return spec.variableFrameRate ? frameTicks(spec, frameIndex) : frameIndex;
+std::int64_t encoderPts(const FixtureSpec& recipe, std::int64_t frameIndex) {
+  return recipe.variableFrameRate ? frameTicks(recipe, frameIndex) : frameIndex;
 }
 
 // The picture stored for a frame: the code drawn upright at the displayed size, turned back by the
 // display rotation so that applying the rotation shows it upright.
-QImage storedPicture(const FixtureSpec& spec, std::int64_t index) {
-  const bool sideways = spec.rotation == 90 || spec.rotation == 270;
-  const QImage upright = drawBarcode(index, sideways ? spec.height : spec.width, sideways ? spec.width : spec.height);
-  return spec.rotation == 0 ? upright : upright.transformed(QTransform().rotate(-spec.rotation));
+QImage storedPicture(const FixtureSpec& recipe, std::int64_t index) {
+  const bool sideways = recipe.rotation == 90 || recipe.rotation == 270;
+  const QImage upright = drawBarcode(index, sideways ? recipe.height : recipe.width, sideways ? recipe.width : recipe.height);
+  return recipe.rotation == 0 ? upright : upright.transformed(QTransform().rotate(-recipe.rotation));
 }
 
 // Copies a 0/255 grey picture into a planar YUV 4:2:0 frame as neutral grey levels.
@@ -111,7 +111,7 @@ struct Track {
 
 class Writer {
  public:
-  Writer(const FixtureSpec& spec, const std::filesystem::path& path) : m_spec(spec), m_path(path) {}
+  Writer(const FixtureSpec& recipe, const std::filesystem::path& path) : m_spec(recipe), m_path(path) {}
 
   void run() {
     AVFormatContext* output = nullptr;
@@ -160,16 +160,16 @@ class Writer {
       // choose few on pictures this still), so that decode and presentation order differ throughout.
       av_dict_set(&options, "x264-params", "scenecut=0:b-adapt=0:log=0", 0);
     }
-    auto configure = [](AVCodecContext& c, const FixtureSpec& spec) {
-      c.width = spec.width;
-      c.height = spec.height;
+    auto configure = [](AVCodecContext& c, const FixtureSpec& recipe) {
+      c.width = recipe.width;
+      c.height = recipe.height;
       c.sample_aspect_ratio = {1, 1};
-      c.time_base = encoderTimeBase(spec);
-      c.framerate = {spec.frameRateNum, spec.frameRateDen};
-      c.gop_size = spec.gopFrames;
-      c.pix_fmt = spec.codec == VideoCodec::mjpeg ? AV_PIX_FMT_YUVJ420P : AV_PIX_FMT_YUV420P;
-      c.color_range = spec.codec == VideoCodec::mjpeg ? AVCOL_RANGE_JPEG : AVCOL_RANGE_MPEG;
-      if (spec.codec == VideoCodec::h264) {
+      c.time_base = encoderTimeBase(recipe);
+      c.framerate = {recipe.frameRateNum, recipe.frameRateDen};
+      c.gop_size = recipe.gopFrames;
+      c.pix_fmt = recipe.codec == VideoCodec::mjpeg ? AV_PIX_FMT_YUVJ420P : AV_PIX_FMT_YUV420P;
+      c.color_range = recipe.codec == VideoCodec::mjpeg ? AVCOL_RANGE_JPEG : AVCOL_RANGE_MPEG;
+      if (recipe.codec == VideoCodec::h264) {
         c.max_b_frames = kX264BFrames;
       } else {
         c.flags |= AV_CODEC_FLAG_QSCALE;
@@ -197,11 +197,11 @@ class Writer {
   Track addAudioStream() {
     Track track;
     track.stream = require(avformat_new_stream(m_output.get(), nullptr), "audio stream");
-    auto configure = [](AVCodecContext& c, const FixtureSpec& spec) {
-      c.ch_layout = layoutFor(spec.audio);
-      c.sample_rate = spec.sampleRate;
-      c.time_base = {1, spec.sampleRate};
-      if (spec.audioCodec == AudioCodec::aac) {
+    auto configure = [](AVCodecContext& c, const FixtureSpec& recipe) {
+      c.ch_layout = layoutFor(recipe.audio);
+      c.sample_rate = recipe.sampleRate;
+      c.time_base = {1, recipe.sampleRate};
+      if (recipe.audioCodec == AudioCodec::aac) {
         c.sample_fmt = AV_SAMPLE_FMT_FLTP;
         c.bit_rate = std::int64_t{kAacBitRatePerChannel} * c.ch_layout.nb_channels;
       } else {
@@ -373,7 +373,7 @@ class Writer {
 
 }  // namespace
 
-void writeFixture(const FixtureSpec& spec, const std::filesystem::path& path) {
+void writeFixture(const FixtureSpec& recipe, const std::filesystem::path& path) {
   // The encoders print their settings and statistics at info level: noise in test output. The
   // process-wide level is lowered while writing and restored afterwards, even on failure.
   struct LogLevel {
@@ -381,7 +381,7 @@ void writeFixture(const FixtureSpec& spec, const std::filesystem::path& path) {
     ~LogLevel() { av_log_set_level(saved); }
   } restore;
   av_log_set_level(std::min(restore.saved, AV_LOG_WARNING));
-  Writer(spec, path).run();
+  Writer(recipe, path).run();
 }
 
 }  // namespace vantrix::testing

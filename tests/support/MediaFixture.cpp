@@ -47,12 +47,12 @@ class FixtureCache {
   FixtureCache(const FixtureCache&) = delete;
   FixtureCache& operator=(const FixtureCache&) = delete;
 
-  const std::filesystem::path* find(const FixtureSpec& spec) const {
+  const std::filesystem::path* find(const FixtureSpec& recipe) const {
     for (const auto& [known, path] : m_files)
-      if (known == spec) return &path;
+      if (known == recipe) return &path;
     return nullptr;
   }
-  void add(const FixtureSpec& spec, std::filesystem::path path) { m_files.emplace_back(spec, std::move(path)); }
+  void add(const FixtureSpec& recipe, std::filesystem::path path) { m_files.emplace_back(recipe, std::move(path)); }
   std::size_t size() const { return m_files.size(); }
   const std::filesystem::path& folder() const { return m_folder; }
 
@@ -66,33 +66,33 @@ FixtureCache& cache() {
   return instance;
 }
 
-std::string extensionOf(const FixtureSpec& spec) {
-  const char* lower = spec.container == Container::mov ? "mov" : spec.container == Container::m4v ? "m4v" : "mp4";
+std::string extensionOf(const FixtureSpec& recipe) {
+  const char* lower = recipe.container == Container::mov ? "mov" : recipe.container == Container::m4v ? "m4v" : "mp4";
   std::string ext = lower;
-  if (spec.upperCaseExtension)
+  if (recipe.upperCaseExtension)
     for (char& c : ext) c = static_cast<char>(std::toupper(static_cast<unsigned char>(c)));
   return ext;
 }
 
 // A name that says what the file is, for whoever looks at a kept folder or a failure message;
 // the leading number keeps names unique.
-std::string fileNameFor(const FixtureSpec& spec, std::size_t number) {
+std::string fileNameFor(const FixtureSpec& recipe, std::size_t number) {
   static constexpr const char* kCodecs[] = {"h264", "mpeg4", "mjpeg"};
   static constexpr const char* kLayouts[] = {"silent", "mono", "stereo", "5.1"};
   static constexpr const char* kDamage[] = {"", "-truncated", "-zeroed"};
   std::string name = std::to_string(number) + "-";
-  if (spec.audioOnly)
+  if (recipe.audioOnly)
     name += "audio";
-  else if (spec.coverArtOnly)
+  else if (recipe.coverArtOnly)
     name += "cover";
   else
-    name += std::string(kCodecs[static_cast<int>(spec.codec)]) + "-" + std::to_string(spec.width) + "x" +
-            std::to_string(spec.height) + "-" + std::to_string(spec.frameRateNum) + "_" +
-            std::to_string(spec.frameRateDen) + (spec.variableFrameRate ? "vfr" : "") + "-r" +
-            std::to_string(spec.rotation);
-  name += std::string("-") + kLayouts[static_cast<int>(spec.audio)];
-  if (spec.audio != AudioLayout::none) name += spec.audioCodec == AudioCodec::pcm ? "-pcm" : "-aac";
-  return name + kDamage[static_cast<int>(spec.damage)] + "." + extensionOf(spec);
+    name += std::string(kCodecs[static_cast<int>(recipe.codec)]) + "-" + std::to_string(recipe.width) + "x" +
+            std::to_string(recipe.height) + "-" + std::to_string(recipe.frameRateNum) + "_" +
+            std::to_string(recipe.frameRateDen) + (recipe.variableFrameRate ? "vfr" : "") + "-r" +
+            std::to_string(recipe.rotation);
+  name += std::string("-") + kLayouts[static_cast<int>(recipe.audio)];
+  if (recipe.audio != AudioLayout::none) name += recipe.audioCodec == AudioCodec::pcm ? "-pcm" : "-aac";
+  return name + kDamage[static_cast<int>(recipe.damage)] + "." + extensionOf(recipe);
 }
 
 void damage(const std::filesystem::path& file, Damage kind) {
@@ -109,56 +109,56 @@ void damage(const std::filesystem::path& file, Damage kind) {
 
 }  // namespace
 
-void validate(const FixtureSpec& spec) {
+void validate(const FixtureSpec& recipe) {
   auto refuse = [](const std::string& why) { throw std::runtime_error("fixture recipe refused: " + why); };
-  if (spec.rotation != 0 && spec.rotation != 90 && spec.rotation != 180 && spec.rotation != 270)
-    refuse("rotation " + std::to_string(spec.rotation) + " is not a quarter turn");
-  if (spec.width < 16 || spec.height < 16 || spec.width % 2 != 0 || spec.height % 2 != 0)
+  if (recipe.rotation != 0 && recipe.rotation != 90 && recipe.rotation != 180 && recipe.rotation != 270)
+    refuse("rotation " + std::to_string(recipe.rotation) + " is not a quarter turn");
+  if (recipe.width < 16 || recipe.height < 16 || recipe.width % 2 != 0 || recipe.height % 2 != 0)
     refuse("frame size must be even and at least 16x16");
-  if (spec.frameRateNum < 1 || spec.frameRateDen < 1) refuse("frame rate must be positive");
-  if (!(spec.seconds > 0)) refuse("length must be positive");
-  if (spec.gopFrames < 1) refuse("keyframe interval must be positive");
-  if (spec.sampleRate < 8000) refuse("sample rate below 8000");
-  if (spec.audioOnly && spec.coverArtOnly) refuse("audio-only and cover-art-only exclude each other");
-  if ((spec.audioOnly || spec.coverArtOnly) && spec.audio == AudioLayout::none)
+  if (recipe.frameRateNum < 1 || recipe.frameRateDen < 1) refuse("frame rate must be positive");
+  if (!(recipe.seconds > 0)) refuse("length must be positive");
+  if (recipe.gopFrames < 1) refuse("keyframe interval must be positive");
+  if (recipe.sampleRate < 8000) refuse("sample rate below 8000");
+  if (recipe.audioOnly && recipe.coverArtOnly) refuse("audio-only and cover-art-only exclude each other");
+  if ((recipe.audioOnly || recipe.coverArtOnly) && recipe.audio == AudioLayout::none)
     refuse("a file without video needs audio");
-  const bool quickTimeMuxer = spec.container == Container::mov ||
-                              (spec.audio != AudioLayout::none && spec.audioCodec == AudioCodec::pcm);
-  if (spec.coverArtOnly && quickTimeMuxer) refuse("the QuickTime muxer drops cover art; use .mp4 or .m4v with AAC");
-  if (spec.container == Container::m4v && !quickTimeMuxer && !spec.audioOnly && !spec.coverArtOnly &&
-      spec.codec == VideoCodec::mjpeg)
+  const bool quickTimeMuxer = recipe.container == Container::mov ||
+                              (recipe.audio != AudioLayout::none && recipe.audioCodec == AudioCodec::pcm);
+  if (recipe.coverArtOnly && quickTimeMuxer) refuse("the QuickTime muxer drops cover art; use .mp4 or .m4v with AAC");
+  if (recipe.container == Container::m4v && !quickTimeMuxer && !recipe.audioOnly && !recipe.coverArtOnly &&
+      recipe.codec == VideoCodec::mjpeg)
     refuse(".m4v takes H.264 or MPEG-4 Part 2 video, not Motion JPEG");
 }
 
-std::int64_t videoTimescale(const FixtureSpec& spec) {
-  if (spec.variableFrameRate) return kVariableTimescale;
+std::int64_t videoTimescale(const FixtureSpec& recipe) {
+  if (recipe.variableFrameRate) return kVariableTimescale;
   // The mov muxer's own choice: the rate's numerator doubled up to at least 10000, so that every
   // frame lasts a whole number of ticks.
-  std::int64_t timescale = spec.frameRateNum;
+  std::int64_t timescale = recipe.frameRateNum;
   while (timescale < 10000) timescale *= 2;
   return timescale;
 }
 
-std::int64_t frameTicks(const FixtureSpec& spec, std::int64_t frameIndex) {
-  const std::int64_t timescale = videoTimescale(spec);
-  if (!spec.variableFrameRate) return frameIndex * (timescale / spec.frameRateNum) * spec.frameRateDen;
+std::int64_t frameTicks(const FixtureSpec& recipe, std::int64_t frameIndex) {
+  const std::int64_t timescale = videoTimescale(recipe);
+  if (!recipe.variableFrameRate) return frameIndex * (timescale / recipe.frameRateNum) * recipe.frameRateDen;
   std::int64_t tenths = frameIndex / static_cast<std::int64_t>(kVariableTenths.size()) * kVariableTenthsPerCycle;
   for (std::int64_t i = 0; i < frameIndex % static_cast<std::int64_t>(kVariableTenths.size()); ++i)
     tenths += kVariableTenths[static_cast<std::size_t>(i)];
   // tenths * nominal duration / 10, rounded to the nearest tick
-  const std::int64_t den = 10 * spec.frameRateNum;
-  return (2 * tenths * timescale * spec.frameRateDen + den) / (2 * den);
+  const std::int64_t den = 10 * recipe.frameRateNum;
+  return (2 * tenths * timescale * recipe.frameRateDen + den) / (2 * den);
 }
 
-RationalTime frameTime(const FixtureSpec& spec, std::int64_t frameIndex) {
-  return {frameTicks(spec, frameIndex), videoTimescale(spec)};
+RationalTime frameTime(const FixtureSpec& recipe, std::int64_t frameIndex) {
+  return {frameTicks(recipe, frameIndex), videoTimescale(recipe)};
 }
 
-std::int64_t frameCount(const FixtureSpec& spec) {
-  if (spec.audioOnly || spec.coverArtOnly) return 0;
-  const double end = spec.seconds * static_cast<double>(videoTimescale(spec));
+std::int64_t frameCount(const FixtureSpec& recipe) {
+  if (recipe.audioOnly || recipe.coverArtOnly) return 0;
+  const double end = recipe.seconds * static_cast<double>(videoTimescale(recipe));
   std::int64_t count = 0;
-  while (static_cast<double>(frameTicks(spec, count)) < end - 1e-6) ++count;
+  while (static_cast<double>(frameTicks(recipe, count)) < end - 1e-6) ++count;
   return count;
 }
 
@@ -167,23 +167,23 @@ double toneForSecond(int second) {
   return kLowestTone + kToneStep * slot;
 }
 
-std::filesystem::path fixture(const FixtureSpec& spec) {
+std::filesystem::path fixture(const FixtureSpec& recipe) {
   FixtureCache& files = cache();
-  if (const auto* known = files.find(spec)) return *known;
-  validate(spec);
-  if (spec.damage == Damage::none) {
-    const std::filesystem::path target = files.folder() / fileNameFor(spec, files.size());
-    writeFixture(spec, target);
-    files.add(spec, target);
+  if (const auto* known = files.find(recipe)) return *known;
+  validate(recipe);
+  if (recipe.damage == Damage::none) {
+    const std::filesystem::path target = files.folder() / fileNameFor(recipe, files.size());
+    writeFixture(recipe, target);
+    files.add(recipe, target);
     return target;
   }
-  FixtureSpec whole = spec;
+  FixtureSpec whole = recipe;
   whole.damage = Damage::none;
   const std::filesystem::path source = fixture(whole);
-  const std::filesystem::path target = files.folder() / fileNameFor(spec, files.size());
+  const std::filesystem::path target = files.folder() / fileNameFor(recipe, files.size());
   std::filesystem::copy_file(source, target, std::filesystem::copy_options::overwrite_existing);
-  damage(target, spec.damage);
-  files.add(spec, target);
+  damage(target, recipe.damage);
+  files.add(recipe, target);
   return target;
 }
 

@@ -56,12 +56,12 @@ struct FixtureSpec {
 // audio (the MPEG-4 muxers here refuse it). A recipe that cannot be written (a bad rotation,
 // Motion JPEG in .m4v, ...) throws std::runtime_error naming the cause, which GoogleTest reports
 // as the calling test's failure.
-std::filesystem::path fixture(const FixtureSpec& spec);
+std::filesystem::path fixture(const FixtureSpec& recipe);
 
 // The recipe's source frame i is shown at this time (exact, in the stream's time base).
-RationalTime frameTime(const FixtureSpec& spec, std::int64_t frameIndex);
+RationalTime frameTime(const FixtureSpec& recipe, std::int64_t frameIndex);
 // Number of video frames the recipe produces.
-std::int64_t frameCount(const FixtureSpec& spec);
+std::int64_t frameCount(const FixtureSpec& recipe);
 
 // Tone of source second s (Hz); distinct for every second and far enough apart to separate
 // after AAC coding. The tones repeat every kDistinctToneSeconds seconds.

@@ -87,12 +87,12 @@ TEST(Barcode, ReadsThroughBlackBars) {
 // Decoded frames (after lossy coding) shrunk to filmstrip thumbnails still name their frame.
 TEST(Barcode, DecodedFramesReadAsThumbnails) {
   for (int rotation : {0, 90}) {
-    FixtureSpec spec;
-    spec.seconds = 1;
-    spec.rotation = rotation;
-    spec.audio = AudioLayout::none;
-    const std::vector<QImage> pictures = readPictures(fixture(spec));
-    ASSERT_EQ(static_cast<std::int64_t>(pictures.size()), frameCount(spec));
+    FixtureSpec recipe;
+    recipe.seconds = 1;
+    recipe.rotation = rotation;
+    recipe.audio = AudioLayout::none;
+    const std::vector<QImage> pictures = readPictures(fixture(recipe));
+    ASSERT_EQ(static_cast<std::int64_t>(pictures.size()), frameCount(recipe));
     for (std::size_t i = 0; i < pictures.size(); ++i)
       for (int height : {60, 40, 30})
         for (Qt::TransformationMode mode : {Qt::SmoothTransformation, Qt::FastTransformation})

@@ -88,7 +88,7 @@ std::vector<int> expectedSeconds(double seconds, double window) {
 }
 
 struct Row {
-  FixtureSpec spec;
+  FixtureSpec recipe;
   const char* brand;
   AVCodecID video;
   AVCodecID audio;
@@ -128,35 +128,35 @@ std::vector<Row> recipeTable() {
       {recipe(C::mov, V::mjpeg, 30000, 1001, false, 180, L::stereo, A::pcm), "qt  ", AV_CODEC_ID_MJPEG,
        AV_CODEC_ID_PCM_S16LE},
   };
-  rows[0].spec.upperCaseExtension = true;
-  rows[3].spec.width = 176;
-  rows[3].spec.height = 144;
-  rows[5].spec.sampleRate = 44100;
+  rows[0].recipe.upperCaseExtension = true;
+  rows[3].recipe.width = 176;
+  rows[3].recipe.height = 144;
+  rows[5].recipe.sampleRate = 44100;
   return rows;
 }
 
 TEST(MediaFixture, EveryRecipeReadsBackAsWritten) {
   for (const Row& row : recipeTable()) {
-    const FixtureSpec& spec = row.spec;
-    const std::filesystem::path file = fixture(spec);
+    const FixtureSpec& recipe = row.recipe;
+    const std::filesystem::path file = fixture(recipe);
     SCOPED_TRACE(file.filename().string());
-    EXPECT_EQ(file.extension() == ".MP4", spec.upperCaseExtension);
+    EXPECT_EQ(file.extension() == ".MP4", recipe.upperCaseExtension);
 
     const Probe p = probe(file);
     ASSERT_TRUE(p.opened);
     EXPECT_EQ(p.brand, row.brand);
     EXPECT_EQ(p.videoStreams, 1);
     EXPECT_EQ(p.video, row.video);
-    EXPECT_EQ(p.width, spec.width);
-    EXPECT_EQ(p.height, spec.height);
-    EXPECT_EQ(p.videoDelay > 0, spec.codec == VideoCodec::h264) << "B-frames only and always for H.264";
-    EXPECT_NEAR(p.clockwise, spec.rotation, 1e-6);
-    const std::int64_t frames = frameCount(spec);
-    EXPECT_EQ(p.keyframes, spec.codec == VideoCodec::mjpeg ? frames : (frames + spec.gopFrames - 1) / spec.gopFrames);
+    EXPECT_EQ(p.width, recipe.width);
+    EXPECT_EQ(p.height, recipe.height);
+    EXPECT_EQ(p.videoDelay > 0, recipe.codec == VideoCodec::h264) << "B-frames only and always for H.264";
+    EXPECT_NEAR(p.clockwise, recipe.rotation, 1e-6);
+    const std::int64_t frames = frameCount(recipe);
+    EXPECT_EQ(p.keyframes, recipe.codec == VideoCodec::mjpeg ? frames : (frames + recipe.gopFrames - 1) / recipe.gopFrames);
     EXPECT_EQ(p.audio, row.audio);
-    EXPECT_EQ(p.channels, channelsOf(spec.audio));
-    if (spec.audio != AudioLayout::none) {
-      EXPECT_EQ(p.sampleRate, spec.sampleRate);
+    EXPECT_EQ(p.channels, channelsOf(recipe.audio));
+    if (recipe.audio != AudioLayout::none) {
+      EXPECT_EQ(p.sampleRate, recipe.sampleRate);
     }
 
     const std::vector<DecodedFrame> decoded = readFrames(file);
@@ -165,23 +165,23 @@ TEST(MediaFixture, EveryRecipeReadsBackAsWritten) {
     for (std::int64_t i = 0; i < frames; ++i) {
       const DecodedFrame& f = decoded[static_cast<std::size_t>(i)];
       EXPECT_EQ(f.barcode, std::optional<std::int64_t>(i)) << "frame " << i;
-      EXPECT_EQ(f.time, frameTime(spec, i)) << "frame " << i << " at " << f.time.toString();
-      EXPECT_EQ(f.duration, frameTime(spec, i + 1) - frameTime(spec, i)) << "frame " << i;
-      if (!spec.variableFrameRate) {
-        EXPECT_EQ(f.time, RationalTime(i * spec.frameRateDen, spec.frameRateNum)) << "frame " << i;
+      EXPECT_EQ(f.time, frameTime(recipe, i)) << "frame " << i << " at " << f.time.toString();
+      EXPECT_EQ(f.duration, frameTime(recipe, i + 1) - frameTime(recipe, i)) << "frame " << i;
+      if (!recipe.variableFrameRate) {
+        EXPECT_EQ(f.time, RationalTime(i * recipe.frameRateDen, recipe.frameRateNum)) << "frame " << i;
       }
-      durations.insert(f.duration.convertedToTimescale(videoTimescale(spec)).value());
+      durations.insert(f.duration.convertedToTimescale(videoTimescale(recipe)).value());
     }
-    if (spec.variableFrameRate) {
+    if (recipe.variableFrameRate) {
       EXPECT_GE(durations.size(), 5u) << "irregular frame durations";
-      const double nominal = static_cast<double>(spec.frameRateDen) / spec.frameRateNum;
+      const double nominal = static_cast<double>(recipe.frameRateDen) / recipe.frameRateNum;
       EXPECT_NEAR(decoded.back().time.seconds() / static_cast<double>(frames - 1), nominal, 0.05 * nominal);
     } else {
       EXPECT_EQ(durations.size(), 1u);
     }
 
-    if (spec.audio != AudioLayout::none) {
-      EXPECT_EQ(dominantSeconds(file, 0.25), expectedSeconds(spec.seconds, 0.25));
+    if (recipe.audio != AudioLayout::none) {
+      EXPECT_EQ(dominantSeconds(file, 0.25), expectedSeconds(recipe.seconds, 0.25));
     }
   }
 }
@@ -193,16 +193,16 @@ TEST(MediaFixture, FilesWithoutRealVideoCarryOnlyTheirTone) {
   audioOnly.audio = AudioLayout::mono;
   FixtureSpec cover;
   cover.coverArtOnly = true;
-  for (const FixtureSpec& spec : {audioOnly, cover}) {
-    const std::filesystem::path file = fixture(spec);
+  for (const FixtureSpec& recipe : {audioOnly, cover}) {
+    const std::filesystem::path file = fixture(recipe);
     SCOPED_TRACE(file.filename().string());
     const Probe p = probe(file);
     ASSERT_TRUE(p.opened);
-    EXPECT_EQ(p.videoStreams, spec.coverArtOnly ? 1 : 0);
-    EXPECT_EQ(p.attachedPicture, spec.coverArtOnly);
-    EXPECT_EQ(frameCount(spec), 0);
+    EXPECT_EQ(p.videoStreams, recipe.coverArtOnly ? 1 : 0);
+    EXPECT_EQ(p.attachedPicture, recipe.coverArtOnly);
+    EXPECT_EQ(frameCount(recipe), 0);
     EXPECT_TRUE(readFrames(file).empty());
-    EXPECT_EQ(dominantSeconds(file, 0.5), expectedSeconds(spec.seconds, 0.5));
+    EXPECT_EQ(dominantSeconds(file, 0.5), expectedSeconds(recipe.seconds, 0.5));
   }
 }
 
@@ -212,30 +212,30 @@ TEST(MediaFixture, DamagedVariantsNoLongerPlayThrough) {
   const std::filesystem::path intact = fixture(whole);
   const std::uintmax_t size = std::filesystem::file_size(intact);
   for (Damage damage : {Damage::truncated, Damage::zeroedHeader}) {
-    FixtureSpec spec = whole;
-    spec.damage = damage;
-    const std::filesystem::path file = fixture(spec);
+    FixtureSpec recipe = whole;
+    recipe.damage = damage;
+    const std::filesystem::path file = fixture(recipe);
     SCOPED_TRACE(file.filename().string());
     EXPECT_NE(file, intact);
     EXPECT_EQ(std::filesystem::file_size(file), damage == Damage::truncated ? size / 2 : size);
-    EXPECT_LT(static_cast<std::int64_t>(readFrames(file).size()), frameCount(spec));
+    EXPECT_LT(static_cast<std::int64_t>(readFrames(file).size()), frameCount(recipe));
   }
   EXPECT_EQ(static_cast<std::int64_t>(readFrames(intact).size()), frameCount(whole)) << "the original is untouched";
 }
 
 TEST(MediaFixture, RecipesAreCachedAndWrittenIdenticallyEachTime) {
-  FixtureSpec spec;
-  spec.seconds = 1;
-  const std::filesystem::path first = fixture(spec);
+  FixtureSpec recipe;
+  recipe.seconds = 1;
+  const std::filesystem::path first = fixture(recipe);
   const auto written = std::filesystem::last_write_time(first);
-  EXPECT_EQ(fixture(spec), first);
+  EXPECT_EQ(fixture(recipe), first);
   EXPECT_EQ(std::filesystem::last_write_time(first), written);
-  FixtureSpec other = spec;
+  FixtureSpec other = recipe;
   other.gopFrames = 10;
   EXPECT_NE(fixture(other), first);
 
   const std::filesystem::path again = first.parent_path() / ("again" + first.extension().string());
-  writeFixture(spec, again);
+  writeFixture(recipe, again);
   auto bytes = [](const std::filesystem::path& p) {
     std::ifstream in(p, std::ios::binary);
     return std::string(std::istreambuf_iterator<char>(in), {});
@@ -255,8 +255,8 @@ TEST(MediaFixture, RecipesTheWriterCannotHonourAreRefused) {
   FixtureSpec silentAudioOnly;
   silentAudioOnly.audioOnly = true;
   silentAudioOnly.audio = AudioLayout::none;
-  for (const FixtureSpec& spec : {tilted, jpegInM4v, coverInMov, silentAudioOnly})
-    EXPECT_THROW(fixture(spec), std::runtime_error);
+  for (const FixtureSpec& recipe : {tilted, jpegInM4v, coverInMov, silentAudioOnly})
+    EXPECT_THROW(fixture(recipe), std::runtime_error);
 }
 
 // The display matrix means what FFmpeg's own command line takes it to mean: its auto-rotated
@@ -264,11 +264,11 @@ TEST(MediaFixture, RecipesTheWriterCannotHonourAreRefused) {
 TEST(MediaFixture, CommandLineFfmpegShowsRotatedFixturesUpright) {
   if (std::system("ffmpeg -version > /dev/null 2>&1") != 0) GTEST_SKIP() << "no ffmpeg command line";
   for (int rotation : {90, 180, 270}) {
-    FixtureSpec spec;
-    spec.rotation = rotation;
-    spec.seconds = 1;
-    spec.audio = AudioLayout::none;
-    const std::filesystem::path file = fixture(spec);
+    FixtureSpec recipe;
+    recipe.rotation = rotation;
+    recipe.seconds = 1;
+    recipe.audio = AudioLayout::none;
+    const std::filesystem::path file = fixture(recipe);
     const std::filesystem::path png = file.parent_path() / ("upright" + std::to_string(rotation) + ".png");
     const std::string command = "ffmpeg -v error -y -i '" + file.string() + "' -frames:v 1 '" + png.string() + "'";
     ASSERT_EQ(std::system(command.c_str()), 0) << command;
@@ -278,14 +278,14 @@ TEST(MediaFixture, CommandLineFfmpegShowsRotatedFixturesUpright) {
 }
 
 TEST(MediaFixture, EverySecondsToneIsRecognisedAndTheCycleRepeats) {
-  FixtureSpec spec;
-  spec.audioOnly = true;
-  spec.audio = AudioLayout::mono;
-  spec.sampleRate = 44100;
-  spec.seconds = kDistinctToneSeconds + 1;
+  FixtureSpec recipe;
+  recipe.audioOnly = true;
+  recipe.audio = AudioLayout::mono;
+  recipe.sampleRate = 44100;
+  recipe.seconds = kDistinctToneSeconds + 1;
   std::vector<int> expected = expectedSeconds(kDistinctToneSeconds, 1);
   expected.push_back(0);
-  EXPECT_EQ(dominantSeconds(fixture(spec), 1), expected);
+  EXPECT_EQ(dominantSeconds(fixture(recipe), 1), expected);
 }
 
 // Silence and noise from another source: a 250 Hz tone (second 0's), digital silence, then noise.
