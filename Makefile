@@ -56,8 +56,13 @@ fuzz: deps
 	  -dict=fuzz/session.dict -artifact_prefix=$(FUZZ_BUILD)/findings/ -print_final_stats=1 \
 	  $(FUZZ_BUILD)/corpus/session fuzz/corpus/session fuzz/findings
 
-run: build
-	@echo "The Vantrix editor window is not built yet: only the editing model exists so far." >&2; exit 1
+# `make run FILE=clip.mov` opens the clip; without FILE the editor starts empty. Without a display
+# it stops at once with one line.
+run:
+	$(if $(DISPLAY)$(WAYLAND_DISPLAY),,$(error No display found; on a headless machine try: xvfb-run -a make run FILE=clip.mov))
+	@$(MAKE) --no-print-directory deps $(BUILD)/build.ninja
+	cmake --build $(BUILD) --target vantrix -j $(JOBS)
+	$(BUILD)/src/vantrix $(if $(FILE),"$(FILE)")
 
 clean:
 	rm -rf $(BUILD) $(ASAN_BUILD) $(FUZZ_BUILD)
