@@ -5,6 +5,7 @@
 
 #include "views/Appearance.h"
 #include "views/FileDialogs.h"
+#include "views/Motion.h"
 #include "views/SegmentOverlayView.h"
 #include "views/SpeedColours.h"
 #include "views/Timecode.h"
@@ -138,6 +139,40 @@ TEST(TrimHandleTest, GripLiesInsideTheKeptRange) {
       EXPECT_EQ(right, 0);
     }
   }
+}
+
+// A region moves to its new place over 0.15 s, or at once when motion is reduced.
+TEST(SegmentOverlayTest, MovesOverAFractionOfASecondUnlessMotionIsReduced) {
+  for (const bool reduce : {false, true}) {
+    QWidget strip;
+    strip.resize(400, 64);
+    SegmentOverlayView overlay(&strip, &strip);
+    overlay.setReduceMotion(reduce);
+    overlay.setRegionRect(QRectF(0, 0, 100, 64), true);
+    const QRectF target(200, 0, 100, 64);
+    overlay.setRegionRect(target, true);
+    EXPECT_EQ(overlay.regionRect() == target, reduce) << "reduce " << reduce;
+    runEventsFor(Motion::kDurationMs / 2);
+    if (!reduce) {
+      EXPECT_GT(overlay.regionRect().x(), 0);
+      EXPECT_LT(overlay.regionRect().x(), 200);
+    }
+    EXPECT_TRUE(waitUntil([&] { return overlay.regionRect() == target; }, 4 * Motion::kDurationMs));
+  }
+}
+
+TEST(MotionTest, TheEnvironmentDecidesBeforeTheDesktop) {
+  const QByteArray saved = qgetenv("VANTRIX_REDUCE_MOTION");
+  qputenv("VANTRIX_REDUCE_MOTION", "1");
+  EXPECT_TRUE(Motion::readDesktopSetting());
+  qputenv("VANTRIX_REDUCE_MOTION", "0");
+  EXPECT_FALSE(Motion::readDesktopSetting());
+  qputenv("VANTRIX_REDUCE_MOTION", saved);
+  // The curve eases in and out: slow at both ends, half-way at half time.
+  const QEasingCurve curve = Motion::easeInOut();
+  EXPECT_LT(curve.valueForProgress(0.1), 0.05);
+  EXPECT_NEAR(curve.valueForProgress(0.5), 0.5, 0.01);
+  EXPECT_GT(curve.valueForProgress(0.9), 0.95);
 }
 
 TEST(FileDialogsTest, FilterTakesTheThreeExtensionsInAnyCase) {
