@@ -73,75 +73,29 @@ struct CommandCase {
 };
 void PrintTo(const CommandCase& c, std::ostream* os) { *os << c.name; }
 
+// clang-format off
 const CommandCase kCommands[] = {
-    {"AddSegment",
-     [](AppModel& m, auto&, auto&) { m.addSegment(ms(1200), ms(1800), Speed::x4); },
-     "Add Segment",
-     0,
-     -1,
-     {{500, 1000, Speed::x2, 'a'}, {1200, 1800, Speed::x4, 0}, {2000, 2500, Speed::x8, 'b'}},
+    {"AddSegment", [](AppModel& m, auto&, auto&) { m.addSegment(ms(1200), ms(1800), Speed::x4); },
+     "Add Segment", 0, -1, {{500, 1000, Speed::x2, 'a'}, {1200, 1800, Speed::x4, 0}, {2000, 2500, Speed::x8, 'b'}},
      std::nullopt},
-    {"ResizeSegment",
-     [](AppModel& m, const Uuid& a, auto&) {
-       m.select(a);
-       m.resizeSegment(a, ms(250), ms(1000));
-     },
-     "Resize Segment",
-     0,
-     -1,
-     {{250, 1000, Speed::x2, 'a'}, {2000, 2500, Speed::x8, 'b'}},
-     'a'},
-    {"Trim",
-     [](AppModel& m, auto&, auto&) { m.setTrim(ms(750), ms(2250)); },
-     "Trim",
-     750,
-     2250,
-     {{750, 1000, Speed::x2, 'a'}, {2000, 2250, Speed::x8, 'b'}},
-     std::nullopt},
-    {"TrimDroppingTheSelectedSegment",
-     [](AppModel& m, auto&, const Uuid& b) {
-       m.select(b);
-       m.setTrim(ms(0), ms(1500));
-     },
-     "Trim",
-     0,
-     1500,
-     {{500, 1000, Speed::x2, 'a'}},
-     std::nullopt},
-    {"ChangeSpeed",
-     [](AppModel& m, auto&, const Uuid& b) {
-       m.select(b);
-       m.changeSpeed(b, Speed::x16);
-     },
-     "Change Speed",
-     0,
-     -1,
-     {{500, 1000, Speed::x2, 'a'}, {2000, 2500, Speed::x16, 'b'}},
-     'b'},
-    {"DeleteSegment",
-     [](AppModel& m, const Uuid& a, auto&) {
-       m.select(a);
-       m.deleteSelectedSegment();
-     },
-     "Delete Segment",
-     0,
-     -1,
-     {{2000, 2500, Speed::x8, 'b'}},
-     std::nullopt},
+    {"ResizeSegment", [](AppModel& m, const Uuid& a, auto&) { m.select(a); m.resizeSegment(a, ms(250), ms(1000)); },
+     "Resize Segment", 0, -1, {{250, 1000, Speed::x2, 'a'}, {2000, 2500, Speed::x8, 'b'}}, 'a'},
+    {"Trim", [](AppModel& m, auto&, auto&) { m.setTrim(ms(750), ms(2250)); },
+     "Trim", 750, 2250, {{750, 1000, Speed::x2, 'a'}, {2000, 2250, Speed::x8, 'b'}}, std::nullopt},
+    {"TrimDroppingTheSelectedSegment", [](AppModel& m, auto&, const Uuid& b) { m.select(b); m.setTrim(ms(0), ms(1500)); },
+     "Trim", 0, 1500, {{500, 1000, Speed::x2, 'a'}}, std::nullopt},
+    {"ChangeSpeed", [](AppModel& m, auto&, const Uuid& b) { m.select(b); m.changeSpeed(b, Speed::x16); },
+     "Change Speed", 0, -1, {{500, 1000, Speed::x2, 'a'}, {2000, 2500, Speed::x16, 'b'}}, 'b'},
+    {"DeleteSegment", [](AppModel& m, const Uuid& a, auto&) { m.select(a); m.deleteSelectedSegment(); },
+     "Delete Segment", 0, -1, {{2000, 2500, Speed::x8, 'b'}}, std::nullopt},
     {"CommitMarkedBackwards",
      [](AppModel& m, auto&, auto&) {
-       m.seek(ms(1800));
-       m.markOut();
-       m.seek(ms(1200));
-       m.markIn();
-       m.commitPendingRegion(Speed::x4);
+       m.seek(ms(1800)); m.markOut(); m.seek(ms(1200)); m.markIn(); m.commitPendingRegion(Speed::x4);
      },
-     "Add Segment",
-     0,
-     -1,
-     {{500, 1000, Speed::x2, 'a'}, {1200, 1800, Speed::x4, 0}, {2000, 2500, Speed::x8, 'b'}},
+     "Add Segment", 0, -1, {{500, 1000, Speed::x2, 'a'}, {1200, 1800, Speed::x4, 0}, {2000, 2500, Speed::x8, 'b'}},
      'n'},
 };
+// clang-format on
 
 class CommandTableTest : public CommandsTest, public ::testing::WithParamInterface<CommandCase> {
  protected:
