@@ -64,7 +64,8 @@ class VantrixApp {
  public:
   int run(int argc, char** argv) {
     if (!hasDisplay()) {
-      std::fprintf(stderr, "vantrix: no display found; run it on a desktop, or headless with: xvfb-run -a vantrix FILE\n");
+      std::fprintf(stderr,
+                   "vantrix: no display found; run it on a desktop, or headless with: xvfb-run -a vantrix FILE\n");
       return 1;
     }
     QApplication app(argc, argv);

@@ -6,11 +6,16 @@ namespace vantrix {
 
 QString alertTitle(AppError::Kind kind) {
   switch (kind) {
-    case AppError::Kind::unsupportedFile: return QStringLiteral("Can't open this video");
-    case AppError::Kind::compositionFailed: return QStringLiteral("Can't prepare this video");
-    case AppError::Kind::diskFull: return QStringLiteral("Not enough disk space");
-    case AppError::Kind::fileMoved: return QStringLiteral("Can't find this file");
-    case AppError::Kind::exportFailed: return QStringLiteral("Export didn't finish");
+    case AppError::Kind::unsupportedFile:
+      return QStringLiteral("Can't open this video");
+    case AppError::Kind::compositionFailed:
+      return QStringLiteral("Can't prepare this video");
+    case AppError::Kind::diskFull:
+      return QStringLiteral("Not enough disk space");
+    case AppError::Kind::fileMoved:
+      return QStringLiteral("Can't find this file");
+    case AppError::Kind::exportFailed:
+      return QStringLiteral("Export didn't finish");
   }
   return {};
 }

@@ -159,9 +159,15 @@ void ContentView::openFile(const QString& path) {
 
 void ContentView::syncPage() {
   switch (m_model.phase().kind) {
-    case AppModel::Phase::Kind::empty: m_pages->setCurrentWidget(m_empty); break;
-    case AppModel::Phase::Kind::loading: m_pages->setCurrentWidget(m_loading); break;
-    case AppModel::Phase::Kind::editing: m_pages->setCurrentWidget(m_editor); break;
+    case AppModel::Phase::Kind::empty:
+      m_pages->setCurrentWidget(m_empty);
+      break;
+    case AppModel::Phase::Kind::loading:
+      m_pages->setCurrentWidget(m_loading);
+      break;
+    case AppModel::Phase::Kind::editing:
+      m_pages->setCurrentWidget(m_editor);
+      break;
   }
   m_loading->setIndicatorVisible(m_model.showsLoadingIndicator());
   m_player->setPlayer(m_model.player());
@@ -188,7 +194,8 @@ void ContentView::syncError() {
     m_alerts->close();
     return;
   }
-  m_alerts->show(alertTitle(error->kind()), QString::fromUtf8(error->description().data(), static_cast<qsizetype>(error->description().size())),
+  m_alerts->show(alertTitle(error->kind()),
+                 QString::fromUtf8(error->description().data(), static_cast<qsizetype>(error->description().size())),
                  [this] { m_model.dismissError(); });
 }
 

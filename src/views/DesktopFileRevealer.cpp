@@ -22,10 +22,9 @@ void DesktopFileRevealer::reveal(const QString& path) {
     openContainingFolder(path);
     return;
   }
-  QDBusMessage call = QDBusMessage::createMethodCall(QStringLiteral("org.freedesktop.FileManager1"),
-                                                     QStringLiteral("/org/freedesktop/FileManager1"),
-                                                     QStringLiteral("org.freedesktop.FileManager1"),
-                                                     QStringLiteral("ShowItems"));
+  QDBusMessage call = QDBusMessage::createMethodCall(
+      QStringLiteral("org.freedesktop.FileManager1"), QStringLiteral("/org/freedesktop/FileManager1"),
+      QStringLiteral("org.freedesktop.FileManager1"), QStringLiteral("ShowItems"));
   call << QStringList{QUrl::fromLocalFile(path).toString()} << QString();
   auto* watcher = new QDBusPendingCallWatcher(bus.asyncCall(call, 5000));
   QObject::connect(watcher, &QDBusPendingCallWatcher::finished, watcher, [watcher, path] {

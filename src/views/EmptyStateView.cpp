@@ -39,8 +39,9 @@ void EmptyStateView::paintEvent(QPaintEvent*) {
     dashed.setDashPattern({4, 3});
     painter.setPen(dashed);
     painter.setBrush(wash);
-    painter.drawRoundedRect(QRectF(rect()).adjusted(kHighlightInset, kHighlightInset, -kHighlightInset, -kHighlightInset),
-                            kHighlightRadius, kHighlightRadius);
+    painter.drawRoundedRect(
+        QRectF(rect()).adjusted(kHighlightInset, kHighlightInset, -kHighlightInset, -kHighlightInset), kHighlightRadius,
+        kHighlightRadius);
   }
 
   const QFont title = Appearance::title3Font();
@@ -54,11 +55,12 @@ void EmptyStateView::paintEvent(QPaintEvent*) {
 
   painter.setPen(text);
   painter.setFont(title);
-  painter.drawText(QRectF(0, top, width(), titleMetrics.height()), Qt::AlignCenter, QStringLiteral("Drop a video here"));
+  painter.drawText(QRectF(0, top, width(), titleMetrics.height()), Qt::AlignCenter,
+                   QStringLiteral("Drop a video here"));
   painter.setPen(Appearance::secondaryText(palette()));
   painter.setFont(body);
-  painter.drawText(QRectF(0, top + titleMetrics.height() + kLineSpacing, width(), bodyMetrics.height()), Qt::AlignCenter,
-                   QStringLiteral("or click to choose"));
+  painter.drawText(QRectF(0, top + titleMetrics.height() + kLineSpacing, width(), bodyMetrics.height()),
+                   Qt::AlignCenter, QStringLiteral("or click to choose"));
 }
 
 }  // namespace vantrix

@@ -27,8 +27,7 @@ class MainWindow final : public QMainWindow {
  public:
   static constexpr QSize kDefaultSize{960, 640};
 
-  explicit MainWindow(std::unique_ptr<AppModel> model, ContentServices services = {},
-                      QWidget* parent = nullptr);
+  explicit MainWindow(std::unique_ptr<AppModel> model, ContentServices services = {}, QWidget* parent = nullptr);
   ~MainWindow() override;
 
   AppModel& model() const { return *m_model; }

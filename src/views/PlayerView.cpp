@@ -19,9 +19,7 @@ const QColor kTransportColour(28, 28, 30);
 }  // namespace
 
 PlayerView::PlayerView(QWidget* parent)
-    : QWidget(parent),
-      m_playPause(new SymbolButton(SymbolButton::Symbol::play, 16, this)),
-      m_time(new QLabel(this)) {
+    : QWidget(parent), m_playPause(new SymbolButton(SymbolButton::Symbol::play, 16, this)), m_time(new QLabel(this)) {
   setAccessibleName(QStringLiteral("Video preview"));
   setAttribute(Qt::WA_OpaquePaintEvent);
   m_playPause->setTint(QColor(Qt::white));
@@ -61,15 +59,16 @@ void PlayerView::setPlayer(Player* player) {
   update();
 }
 
-QRectF PlayerView::videoRect() const { return {0, 0, static_cast<double>(width()), static_cast<double>(height() - kTransportHeight)}; }
+QRectF PlayerView::videoRect() const {
+  return {0, 0, static_cast<double>(width()), static_cast<double>(height() - kTransportHeight)};
+}
 
 QSizeF PlayerView::displaySize() const {
   const std::shared_ptr<const Composition> item = m_player ? m_player->currentItem() : nullptr;
   if (item && item->asset() && item->asset()->video()) {
     const VideoTrack& video = *item->asset()->video();
-    const AVRational sar = video.sampleAspectRatio.num > 0 && video.sampleAspectRatio.den > 0
-                               ? video.sampleAspectRatio
-                               : AVRational{1, 1};
+    const AVRational sar =
+        video.sampleAspectRatio.num > 0 && video.sampleAspectRatio.den > 0 ? video.sampleAspectRatio : AVRational{1, 1};
     const QSizeF stored(video.width * static_cast<double>(sar.num) / sar.den, video.height);
     return item->transform().swapsAxes() ? stored.transposed() : stored;
   }
@@ -95,7 +94,8 @@ void PlayerView::requestPictureSize() {
   const std::shared_ptr<const Composition> item = m_player->currentItem();
   const bool swaps = item && item->transform().swapsAxes();
   const double scale = devicePixelRatioF();
-  QSize pixels(static_cast<int>(std::lround(picture.width() * scale)), static_cast<int>(std::lround(picture.height() * scale)));
+  QSize pixels(static_cast<int>(std::lround(picture.width() * scale)),
+               static_cast<int>(std::lround(picture.height() * scale)));
   if (swaps) pixels.transpose();
   m_player->setVideoSize(pixels);
 }
@@ -119,8 +119,9 @@ void PlayerView::refreshTransport() {
   m_playPause->setAccessibleName(action);
   m_playPause->setToolTip(action);
   const std::shared_ptr<const Composition> item = m_player ? m_player->currentItem() : nullptr;
-  const QString text = item ? timecodeText(m_player->currentTime()) + QStringLiteral(" / ") + timecodeText(item->duration())
-                            : QStringLiteral("0:00 / 0:00");
+  const QString text =
+      item ? timecodeText(m_player->currentTime()) + QStringLiteral(" / ") + timecodeText(item->duration())
+           : QStringLiteral("0:00 / 0:00");
   if (m_time->text() != text) m_time->setText(text);
   m_time->adjustSize();
 }

@@ -89,9 +89,10 @@ QRectF SegmentOverlayView::localRegion() const { return regionRect().translated(
 
 void SegmentOverlayView::place() {
   const QRectF region = regionRect();
-  const QRect outer(QPoint(static_cast<int>(std::floor(region.left() - kGrabHalf)), static_cast<int>(std::floor(region.top()))),
-                    QPoint(static_cast<int>(std::ceil(region.right() + kGrabHalf)) - 1,
-                           static_cast<int>(std::ceil(region.bottom())) - 1));
+  const QRect outer(
+      QPoint(static_cast<int>(std::floor(region.left() - kGrabHalf)), static_cast<int>(std::floor(region.top()))),
+      QPoint(static_cast<int>(std::ceil(region.right() + kGrabHalf)) - 1,
+             static_cast<int>(std::ceil(region.bottom())) - 1));
   setGeometry(outer);
   updateDeleteButton();
   update();

@@ -8,10 +8,14 @@ namespace vantrix {
 
 QColor speedColour(Speed speed, bool dark) {
   switch (speed) {
-    case Speed::x2: return dark ? QColor(255, 214, 10) : QColor(255, 200, 61);
-    case Speed::x4: return dark ? QColor(255, 179, 64) : QColor(255, 159, 10);
-    case Speed::x8: return dark ? QColor(255, 138, 61) : QColor(247, 107, 21);
-    case Speed::x16: return dark ? QColor(247, 107, 21) : QColor(217, 78, 31);
+    case Speed::x2:
+      return dark ? QColor(255, 214, 10) : QColor(255, 200, 61);
+    case Speed::x4:
+      return dark ? QColor(255, 179, 64) : QColor(255, 159, 10);
+    case Speed::x8:
+      return dark ? QColor(255, 138, 61) : QColor(247, 107, 21);
+    case Speed::x16:
+      return dark ? QColor(247, 107, 21) : QColor(217, 78, 31);
   }
   return {};
 }

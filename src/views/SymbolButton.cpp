@@ -68,8 +68,10 @@ QSize SymbolButton::sizeHint() const {
 void SymbolButton::paintEvent(QPaintEvent*) {
   QPainter painter(this);
   painter.setRenderHint(QPainter::Antialiasing);
-  if (!isEnabled()) painter.setOpacity(0.35);
-  else if (isDown()) painter.setOpacity(0.6);
+  if (!isEnabled())
+    painter.setOpacity(0.35);
+  else if (isDown())
+    painter.setOpacity(0.6);
   painter.translate(QRectF(rect()).center());
   painter.setPen(Qt::NoPen);
 
@@ -93,7 +95,8 @@ void SymbolButton::paintEvent(QPaintEvent*) {
       return;
     }
     case Symbol::checkmarkCircleFill:
-    case Symbol::xmarkCircleFill: break;
+    case Symbol::xmarkCircleFill:
+      break;
   }
   const QPainterPath mark = markPath(m_symbol, d);
   if (m_mark || m_circle) {

@@ -50,7 +50,9 @@ TimelineView::TimelineView(AppModel& model, QWidget* parent)
   m_pendingOverlay->setAccessibleName(QStringLiteral("Region to add"));
   m_pendingOverlay->hide();
   m_pendingOverlay->onEdgeDrag = [this](TimelineGeometry::Edge edge, double x) { pendingEdgeDragged(edge, x, false); };
-  m_pendingOverlay->onEdgeDragEnded = [this](TimelineGeometry::Edge edge, double x) { pendingEdgeDragged(edge, x, true); };
+  m_pendingOverlay->onEdgeDragEnded = [this](TimelineGeometry::Edge edge, double x) {
+    pendingEdgeDragged(edge, x, true);
+  };
 
   for (TrimHandleView* handle : {m_trimStart, m_trimEnd}) {
     handle->hide();
@@ -192,7 +194,8 @@ void TimelineView::syncSegments(bool animated) {
     }
     SegmentOverlayView* overlay = it->second;
     const bool resizing = m_resizingSegmentId == segment.id && m_resizeRange;
-    const QRectF rect = resizing ? rangeRect(m_resizeRange->start, m_resizeRange->end) : rangeRect(segment.start, segment.end);
+    const QRectF rect =
+        resizing ? rangeRect(m_resizeRange->start, m_resizeRange->end) : rangeRect(segment.start, segment.end);
     overlay->setRegionRect(rect, animated && !resizing);
     overlay->setFill(speedColour(segment.speed, palette()));
     overlay->setLabel(speedLabel(segment.speed));
@@ -217,9 +220,9 @@ void TimelineView::syncDraftRegions() {
   m_pendingOverlay->setVisible(placed);
   if (placed) {
     m_pendingOverlay->setFill(draft);
-    m_pendingOverlay->setRegionRect(rangeRect(std::min(*pending->inPoint, *pending->outPoint),
-                                              std::max(*pending->inPoint, *pending->outPoint)),
-                                    false);
+    m_pendingOverlay->setRegionRect(
+        rangeRect(std::min(*pending->inPoint, *pending->outPoint), std::max(*pending->inPoint, *pending->outPoint)),
+        false);
   }
 }
 
@@ -252,8 +255,8 @@ void TimelineView::syncPair() {
   m_confirm->setVisible(shows);
   m_discard->setVisible(shows);
   if (!shows) return;
-  const QRectF region = rangeRect(std::min(*pending->inPoint, *pending->outPoint),
-                                  std::max(*pending->inPoint, *pending->outPoint));
+  const QRectF region =
+      rangeRect(std::min(*pending->inPoint, *pending->outPoint), std::max(*pending->inPoint, *pending->outPoint));
   const double w = width();
   const double centre = w > 2 * kPairMargin ? std::clamp(region.center().x(), kPairMargin, w - kPairMargin) : w / 2;
   m_pairTop = static_cast<int>(std::lround(region.center().y() - kPairButtonSide / 2.0));

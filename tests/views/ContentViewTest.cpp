@@ -123,9 +123,17 @@ TEST(ContentViewTest, EachErrorShowsItsTitleAndMessage) {
     };
   };
   const std::vector<Case> cases = {
-      {"unsupported", {}, text, false, "Can't open this video",
+      {"unsupported",
+       {},
+       text,
+       false,
+       "Can't open this video",
        "This file's format isn't supported. Vantrix opens .mov, .mp4, and .m4v."},
-      {"moved", {}, dir.filePath("gone.mp4"), false, "Can't find this file",
+      {"moved",
+       {},
+       dir.filePath("gone.mp4"),
+       false,
+       "Can't find this file",
        "Vantrix can't find this file. It may have been moved or deleted. Open it again from its current location."},
       {"composition",
        [](AppServices& s) {

@@ -29,11 +29,13 @@ TEST(PlayerViewTest, ShowsThePictureUprightAndWhole) {
     EXPECT_TRUE(view->videoRect().adjusted(-0.5, -0.5, 0.5, 0.5).contains(picture));
 
     std::optional<std::int64_t> barcode;
-    waitUntil([&] {
-      const QImage shot = view->grab(picture.toAlignedRect()).toImage();
-      barcode = readBarcode(shot);
-      return barcode.has_value();
-    }, 3000);
+    waitUntil(
+        [&] {
+          const QImage shot = view->grab(picture.toAlignedRect()).toImage();
+          barcode = readBarcode(shot);
+          return barcode.has_value();
+        },
+        3000);
     EXPECT_EQ(barcode, 0);
   }
 }

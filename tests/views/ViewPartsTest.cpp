@@ -184,8 +184,10 @@ TEST(FileDialogsTest, FilterTakesTheThreeExtensionsInAnyCase) {
       return QRegularExpression(QRegularExpression::wildcardToRegularExpression(p)).match(name).hasMatch();
     });
   };
-  for (const char* name : {"clip.mov", "CLIP.MOV", "a.Mp4", "b.m4V", "holiday.MP4"}) EXPECT_TRUE(accepted(name)) << name;
-  for (const char* name : {"clip.avi", "clip.mov.txt", "mp4", "clip.mkv", "clip.m4a"}) EXPECT_FALSE(accepted(name)) << name;
+  for (const char* name : {"clip.mov", "CLIP.MOV", "a.Mp4", "b.m4V", "holiday.MP4"})
+    EXPECT_TRUE(accepted(name)) << name;
+  for (const char* name : {"clip.avi", "clip.mov.txt", "mp4", "clip.mkv", "clip.m4a"})
+    EXPECT_FALSE(accepted(name)) << name;
 }
 
 }  // namespace

@@ -74,8 +74,9 @@ void Editor::openAndWait(const std::filesystem::path& file) {
   m_window->openFile(QString::fromStdString(file.string()));
   ASSERT_TRUE(waitUntil([&] { return model().phase().kind != AppModel::Phase::Kind::loading; })) << file;
   ASSERT_TRUE(model().phase().isEditing()) << file;
-  ASSERT_TRUE(waitUntil([&] { return model().composition() != nullptr && strip().isVisible() && strip().width() > 100; }))
-      << file;
+  ASSERT_TRUE(waitUntil([&] {
+    return model().composition() != nullptr && strip().isVisible() && strip().width() > 100;
+  })) << file;
   // Let the layout and any pending requests settle.
   runEventsFor(20);
 }
