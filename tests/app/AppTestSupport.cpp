@@ -86,12 +86,12 @@ int ManualDelays::fire() {
 }
 
 FixtureSpec clipSpec() {
-  FixtureSpec spec;
-  spec.seconds = 3;
-  spec.width = 160;
-  spec.height = 120;
-  spec.gopFrames = 15;
-  return spec;
+  FixtureSpec recipe;
+  recipe.seconds = 3;
+  recipe.width = 160;
+  recipe.height = 120;
+  recipe.gopFrames = 15;
+  return recipe;
 }
 
 void AppModelTest::SetUp() {
@@ -111,9 +111,9 @@ void AppModelTest::TearDown() {
   fs::remove_all(m_dir);
 }
 
-fs::path AppModelTest::copyFixture(const FixtureSpec& spec, const std::string& name) const {
+fs::path AppModelTest::copyFixture(const FixtureSpec& recipe, const std::string& name) const {
   const fs::path target = m_dir / name;
-  fs::copy_file(fixture(spec), target, fs::copy_options::overwrite_existing);
+  fs::copy_file(fixture(recipe), target, fs::copy_options::overwrite_existing);
   return target;
 }
 

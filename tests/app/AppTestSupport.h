@@ -88,7 +88,7 @@ class AppModelTest : public ::testing::Test {
   void TearDown() override;
 
   // A private copy of a fixture file (sessions are per path, and tests touch files).
-  std::filesystem::path copyFixture(const FixtureSpec& spec, const std::string& name) const;
+  std::filesystem::path copyFixture(const FixtureSpec& recipe, const std::string& name) const;
   std::filesystem::path dir() const { return m_dir; }
   QString sessionDirectory() const;
 
