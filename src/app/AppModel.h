@@ -142,6 +142,8 @@ class AppModel : public QObject {
   // Set one mark at the playhead, keeping the other.
   void markIn();
   void markOut();
+  // Both marks at once: the region a drag on the strip proposed.
+  void placePendingRegion(RationalTime in, RationalTime out);
   // Adds the marked region (in either order) at `speed`, selects it and clears the marks. Does
   // nothing while a mark is missing or both are equal.
   void commitPendingRegion(Speed speed);

@@ -94,6 +94,11 @@ void AppModel::markOut() {
   setPendingRegion(PendingRegion{m_pendingRegion ? m_pendingRegion->inPoint : std::nullopt, m_currentTime});
 }
 
+void AppModel::placePendingRegion(RationalTime in, RationalTime out) {
+  if (!m_timeline) return;
+  setPendingRegion(PendingRegion{in, out});
+}
+
 void AppModel::commitPendingRegion(Speed speed) {
   if (!m_pendingRegion || !m_pendingRegion->inPoint || !m_pendingRegion->outPoint) return;
   const RationalTime in = *m_pendingRegion->inPoint;

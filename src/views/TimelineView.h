@@ -101,7 +101,6 @@ class TimelineView final : public QWidget {
   void pendingEdgeDragged(TimelineGeometry::Edge edge, double x, bool ended);
   void trimDragged(TimelineGeometry::TrimEdge edge, double x, bool ended);
   void scrubbed(double x);
-  void placePendingRegion(RationalTime in, RationalTime out);
 
   AppModel& m_model;
   bool m_reduceMotion = false;

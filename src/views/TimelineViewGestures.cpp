@@ -67,24 +67,13 @@ void TimelineView::stripDragEnded(QPointF position) {
       m_model.seek(g.timeAtX(position.x()));
     }
   } else if (!m_model.pendingRegion() && m_provisionalRange && m_model.timeline()) {
-    placePendingRegion(m_provisionalRange->start, m_provisionalRange->end);
+    m_model.placePendingRegion(m_provisionalRange->start, m_provisionalRange->end);
   }
   m_provisionalRange.reset();
   m_pressPosition.reset();
   m_dragMode = TimelineGeometry::DragMode::undecided;
   syncDraftRegions();
   emit liveTimelineChanged();
-}
-
-void TimelineView::placePendingRegion(RationalTime in, RationalTime out) {
-  // The model sets marks only at the playhead: set each there in turn, then put the playhead
-  // back where the user left it.
-  const RationalTime playhead = m_model.currentTime();
-  m_model.seek(in);
-  m_model.markIn();
-  m_model.seek(out);
-  m_model.markOut();
-  m_model.seek(playhead);
 }
 
 void TimelineView::segmentEdgeDragged(const Uuid& id, TimelineGeometry::Edge edge, double x, bool ended) {
