@@ -1,14 +1,14 @@
 #include "persistence/SessionRestore.h"
 
-#include "TestSupport.h"
-
 #include <gtest/gtest.h>
 
-#include <optional>
 #include <set>
 #include <vector>
 
 namespace vantrix {
+
+void PrintTo(SpeedTimelineError e, std::ostream* os) { *os << toString(e); }
+
 namespace {
 
 using E = SpeedTimelineError;
@@ -32,26 +32,24 @@ TEST(SessionRestore, RestoresTrimAndSegmentsSortedWithFreshIds) {
       session(s(1), s(9), {{s(6), s(8), Speed::x16}, {s(2), s(3), Speed::x2}, {RationalTime(4, 1), s(6), Speed::x8}});
   const RestoredTimeline opened = restoreTimelineOrFresh(stored, s(10));
   ASSERT_FALSE(opened.refusal) << toString(*opened.refusal);
-  const SpeedTimeline* restored = &opened.timeline;
-  EXPECT_EQ(restored->sourceDuration(), s(10));
-  EXPECT_EQ(restored->trimStart(), s(1));
-  EXPECT_EQ(restored->trimEnd(), s(9));
-
+  const SpeedTimeline& restored = opened.timeline;
+  EXPECT_EQ(restored.sourceDuration(), s(10));
+  EXPECT_EQ(restored.trimStart(), s(1));
+  EXPECT_EQ(restored.trimEnd(), s(9));
   const std::vector<Stored> expected{{s(2), s(3), Speed::x2}, {s(4), s(6), Speed::x8}, {s(6), s(8), Speed::x16}};
-  ASSERT_EQ(restored->segments().size(), expected.size());
+  ASSERT_EQ(restored.segments().size(), expected.size());
   std::set<Uuid> ids;
   for (const SpeedSegment& x : stored.segments) ids.insert(x.id);
   for (std::size_t i = 0; i < expected.size(); ++i) {
-    const SpeedSegment& got = restored->segments()[i];
+    const SpeedSegment& got = restored.segments()[i];
     EXPECT_EQ(got.start, expected[i].start) << i;
     EXPECT_EQ(got.end, expected[i].end) << i;
     EXPECT_EQ(got.speed, expected[i].speed) << i;
     EXPECT_TRUE(ids.insert(got.id).second) << "segment " << i << " reuses an id";
   }
-  // The stored representation is kept (4/1 stays 4/1).
-  EXPECT_EQ(restored->segments()[1].start.timescale(), 1);
+  EXPECT_EQ(restored.segments()[1].start.timescale(), 1);  // the stored representation is kept
 
-  const RestoredTimeline none = restoreTimelineOrFresh(std::nullopt, s(10));  // no session: fresh, no refusal
+  const RestoredTimeline none = restoreTimelineOrFresh(std::nullopt, s(10));
   EXPECT_EQ(none.timeline, SpeedTimeline(s(10)));
   EXPECT_FALSE(none.refusal);
 }
@@ -64,54 +62,38 @@ TEST(SessionRestore, AnyRefusalGivesTheFreshTimelineNeverAPartOne) {
     E error;
   } cases[] = {
       {"trim end past the video's current duration", session(s(0), s(10), {}), s(8), E::invalidTrim},
-      {"empty trim", session(s(3), s(3), {}), s(10), E::invalidTrim},
-      {"negative trim start", session(s(-1), s(5), {}), s(10), E::invalidTrim},
-      {"zero timescale", session(s(0), RationalTime(5, 0), {}), s(10), E::invalidTrim},
       {"reversed segment", session(s(0), s(10), {{s(1), s(2), Speed::x2}, {s(5), s(4), Speed::x4}}), s(10),
        E::invalidRange},
-      {"empty segment in two representations", session(s(0), s(10), {{RationalTime(1, 2), RationalTime(2, 4), Speed::x2}}),
-       s(10), E::invalidRange},
       {"segment outside the trim", session(s(2), s(8), {{s(3), s(4), Speed::x2}, {s(7), s(9), Speed::x4}}), s(10),
        E::outsideTrim},
-      {"segment before the trim", session(s(2), s(8), {{s(1), s(3), Speed::x2}}), s(10), E::outsideTrim},
-      {"two overlapping segments", session(s(0), s(10), {{s(1), s(3), Speed::x2}, {s(6), s(7), Speed::x8}, {s(2), s(4), Speed::x4}}),
-       s(10), E::overlap},
-      {"the same segment twice", session(s(0), s(10), {{s(1), s(3), Speed::x2}, {s(1), s(3), Speed::x2}}), s(10),
+      {"two overlapping segments",
+       session(s(0), s(10), {{s(1), s(3), Speed::x2}, {s(6), s(7), Speed::x8}, {s(2), s(4), Speed::x4}}), s(10),
        E::overlap},
-      // Times the timeline accepts but its exact arithmetic cannot combine: the common multiple of
-      // 90010, 89999, 90001 and 90000 overflows on the first mapping (fuzz/findings/coprime-…).
-      {"the fuzzer's finding: coprime timescales",
-       session(s(0), RationalTime(6103336, 90010),
-               {{RationalTime(900000, 89999), s(15), Speed::x4}, {RationalTime(2700000, 90001), s(40), Speed::x16}}),
-       s(100), E::invalidTrim},
-      {"a segment at a timescale coprime to the others",
-       session(s(0), s(100), {{s(1), s(2), Speed::x2}, {RationalTime(900000, 89999), s(15), Speed::x4}}), s(100),
-       E::invalidRange},
+      // Times the timeline would take but whose exact arithmetic could not be combined.
+      {"a trim at timescale zero", session(s(0), RationalTime(5, 0), {}), s(10), E::invalidTrim},
       {"a trim timescale beyond a media time's", session(s(0), RationalTime(4294967294, 2147483647), {}), s(10),
        E::invalidTrim},
-      {"a segment at timescale zero", session(s(0), s(10), {{s(1), RationalTime(3, 0), Speed::x2}}), s(10),
+      {"a segment at a timescale coprime to the others",
+       session(s(0), s(100), {{s(1), s(2), Speed::x2}, {RationalTime(900000, 89999), s(15), Speed::x4}}), s(100),
        E::invalidRange},
       {"a segment at a negative timescale", session(s(0), s(10), {{RationalTime(-1, -1), s(2), Speed::x2}}), s(10),
        E::invalidRange},
   };
   for (const auto& c : cases) {
-    const auto restored = restoreTimeline(c.stored, c.duration);
-    ASSERT_FALSE(restored) << c.what;
-    EXPECT_EQ(restored.error(), c.error) << c.what << ": got " << toString(restored.error());
-
     const RestoredTimeline opened = restoreTimelineOrFresh(c.stored, c.duration);
     EXPECT_EQ(opened.timeline, SpeedTimeline(c.duration)) << c.what;
     EXPECT_EQ(opened.refusal, c.error) << c.what;
   }
 }
 
+// What the editor stores: 0/1, times at the video's own timescale (strip gestures) and at 90000
+// (player positions). A 10 s video with x2 over 1..2 s (player) and x8 over 5..7 s (strip).
 TEST(SessionRestore, TheTimescalesRealVideosUseAreAccepted) {
-  // What the editor stores: 0/1, times at the video's own timescale (strip gestures) and at 90000
-  // (player positions). A 10 s video with x2 over 1..2 s (player) and x8 over 5..7 s (strip).
   for (const std::int64_t ts : {600, 1000, 2997, 12800, 15360, 24000, 30000, 44100, 48000, 90000, 1000000}) {
     const RationalTime duration(10 * ts, ts);
-    const Session stored = session(RationalTime::zero(), duration,
-                                   {{s(1), s(2), Speed::x2}, {RationalTime(5 * ts, ts), RationalTime(7 * ts, ts), Speed::x8}});
+    const Session stored =
+        session(RationalTime::zero(), duration,
+                {{s(1), s(2), Speed::x2}, {RationalTime(5 * ts, ts), RationalTime(7 * ts, ts), Speed::x8}});
     const auto restored = restoreTimeline(stored, duration);
     ASSERT_TRUE(restored) << ts << ": " << toString(restored.error());
     EXPECT_EQ(restored->outputDuration(), RationalTime(7750, 1000)) << ts;  // 10 - 1 - 2 + 0.5 + 0.25
