@@ -11,8 +11,6 @@ extern "C" {
 namespace vantrix {
 namespace {
 
-using Kind = AppError::Kind;
-
 TEST(AppError, DescriptionsAreTheAlertTexts) {
   const struct {
     AppError error;
@@ -29,15 +27,11 @@ TEST(AppError, DescriptionsAreTheAlertTexts) {
 }
 
 TEST(AppError, EqualityComparesTheCaseOnly) {
-  const AppError a = AppError::exportFailed(MediaError::posix(EIO, "Writing a"));
   const AppError b = AppError::exportFailed(MediaError::ffmpeg(AVERROR_INVALIDDATA, "Muxing b"));
-  EXPECT_EQ(a, b);
+  EXPECT_EQ(AppError::exportFailed(MediaError::posix(EIO, "Writing a")), b);
   EXPECT_NE(AppError::diskFull(), AppError::fileMoved());
-  EXPECT_NE(a, AppError::diskFull());
-  EXPECT_EQ(AppError::unsupportedFile(), AppError::unsupportedFile());
   ASSERT_NE(b.underlying(), nullptr);
   EXPECT_EQ(b.underlying()->code(), AVERROR_INVALIDDATA) << "the cause travels with the error";
-  EXPECT_EQ(AppError::diskFull().underlying(), nullptr);
 }
 
 TEST(MediaError, OutOfDiskSpaceIsFoundAtAnyDepth) {

@@ -1,8 +1,8 @@
 #pragma once
 
-// Shared by the reader and exporter tests: fixtures opened as assets, timelines written compactly,
-// and the rule every output frame must follow, computed independently from the source's own
-// decoded frames.
+// Shared by the media tests: fixtures opened as assets, timelines written compactly, the sample
+// files kept beside the checkout, and the rule every output frame must follow, computed
+// independently from the source's own decoded frames.
 
 #include "media/CompositionBuilder.h"
 #include "media/MediaAsset.h"
@@ -11,10 +11,11 @@
 
 #include <gtest/gtest.h>
 
+#include <algorithm>
+#include <cmath>
 #include <filesystem>
 #include <memory>
 #include <optional>
-#include <string>
 #include <vector>
 
 namespace vantrix {
@@ -38,9 +39,7 @@ inline SpeedTimeline timelineFor(const MediaAsset& asset, std::optional<std::pai
   if (trimMs) {
     EXPECT_TRUE(t.setTrim(ms(trimMs->first), ms(trimMs->second)));
   }
-  for (const auto& s : segments) {
-    EXPECT_TRUE(t.addSegment(ms(s.startMs), ms(s.endMs), s.speed));
-  }
+  for (const auto& s : segments) EXPECT_TRUE(t.addSegment(ms(s.startMs), ms(s.endMs), s.speed));
   return t;
 }
 
@@ -57,6 +56,11 @@ inline std::shared_ptr<const Composition> compose(const SpeedTimeline& timeline,
   return built ? *built : nullptr;
 }
 
+// From the first frame's start to the last frame's end.
+inline RationalTime frameSpan(const std::vector<DecodedFrame>& frames) {
+  return frames.back().time + frames.back().duration - frames.front().time;
+}
+
 // The barcode of the latest source frame at or before source time x; the first frame when x lies
 // before every frame.
 inline std::optional<std::int64_t> expectedBarcode(const std::vector<DecodedFrame>& source, RationalTime x) {
@@ -68,4 +72,35 @@ inline std::optional<std::int64_t> expectedBarcode(const std::vector<DecodedFram
   return found;
 }
 
+// The frame number the reader's frame rule shows at output time t for a source of the default
+// recipe's 30 frames a second: every source frame at normal speed, the source's frame grid when
+// sped up; the last frame from the end on.
+inline std::int64_t expectedFrame(const Composition& composition, RationalTime t) {
+  constexpr std::int64_t kRate = 30;
+  if (const RationalTime last = composition.duration() - RationalTime(1, 90000); t > last) t = last;
+  const CompositionEdit* edit = composition.videoEditAt(t);
+  RationalTime instant = t;
+  if (edit->speed) {
+    const RationalTime grid(static_cast<std::int64_t>(std::floor(t.seconds() * kRate + 1e-9)), kRate);
+    instant = std::max(grid, edit->outputStart);
+  }
+  const RationalTime source = edit->sourceTimeAt(instant);
+  return source.value() * kRate / source.timescale();  // floor: times are not negative
+}
+
+// A file of the sample folder beside the checkout; the folder itself for "".
+inline std::filesystem::path realWorldFile(const char* relative = "") {
+  return std::filesystem::path(VANTRIX_REAL_WORLD_DIR) / relative;
+}
+// The folder is optional: it is never copied into the checkout.
+inline bool haveRealWorld() {
+  std::error_code ec;
+  return std::filesystem::is_directory(realWorldFile(), ec);
+}
+
 }  // namespace vantrix::testing
+
+#define VANTRIX_REQUIRE_REAL_WORLD()                                                        \
+  do {                                                                                      \
+    if (!::vantrix::testing::haveRealWorld()) GTEST_SKIP() << "no real-world media folder"; \
+  } while (false)
