@@ -37,33 +37,26 @@ SpeedTimeline workedExample() {
   return t;
 }
 
+std::vector<Range> rangesOf(RationalTime trimStart, RationalTime trimEnd, const std::vector<Range>& segments) {
+  SpeedTimeline timeline(s(60));
+  EXPECT_TRUE(timeline.setTrim(trimStart, trimEnd));
+  for (const Range& r : segments) {
+    EXPECT_TRUE(timeline.addSegment(r.start, r.end, *r.speed));
+  }
+  return CompositionBuilder::ranges(timeline);
+}
+
 // The worked example's four ranges are checked through build() below.
 TEST(CompositionBuilder, RangesCoverTheTrimWithGapsOnlyWhereNeeded) {
   const std::optional<Speed> normal;
-  const struct {
-    const char* what;
-    RationalTime trimStart, trimEnd;
-    std::vector<std::tuple<RationalTime, RationalTime, Speed>> segments;
-    std::vector<Range> expected;
-  } cases[] = {
-      {"no segments", s(0), s(60), {}, {{s(0), s(60), normal}}},
-      {"touching segments at both edges of the trim",
-       s(5),
-       s(50),
-       {{s(5), s(20), Speed::x16}, {s(20), s(50), Speed::x2}},
-       {{s(5), s(20), Speed::x16}, {s(20), s(50), Speed::x2}}},
-      {"same instant, other timescale",
-       {1, 2},
-       s(50),
-       {{{300, 600}, s(2), Speed::x2}, {{4, 2}, {1800, 600}, Speed::x4}},
-       {{{300, 600}, s(2), Speed::x2}, {{4, 2}, {1800, 600}, Speed::x4}, {{1800, 600}, s(50), normal}}},
-  };
-  for (const auto& c : cases) {
-    SpeedTimeline timeline(s(60));
-    ASSERT_TRUE(timeline.setTrim(c.trimStart, c.trimEnd)) << c.what;
-    for (const auto& [start, end, speed] : c.segments) ASSERT_TRUE(timeline.addSegment(start, end, speed)) << c.what;
-    EXPECT_EQ(CompositionBuilder::ranges(timeline), c.expected) << c.what;
-  }
+  EXPECT_EQ(rangesOf(s(0), s(60), {}), (std::vector<Range>{{s(0), s(60), normal}}));
+  const std::vector<Range> fillingTheTrim{{s(5), s(20), Speed::x16}, {s(20), s(50), Speed::x2}};
+  EXPECT_EQ(rangesOf(s(5), s(50), fillingTheTrim), fillingTheTrim) << "touching, at both edges: no gap";
+  // The same instants on other timescales: 1/2 s is 300/600 s, 2/1 s is 4/2 s.
+  std::vector<Range> mixed{{{300, 600}, s(2), Speed::x2}, {{4, 2}, {1800, 600}, Speed::x4}};
+  const auto ranges = rangesOf({1, 2}, s(50), mixed);
+  mixed.push_back({{1800, 600}, s(50), normal});
+  EXPECT_EQ(ranges, mixed);
 }
 
 // Exact when it can be: on a finer timescale if need be, rounded only when none fits 32 bits.

@@ -5,6 +5,8 @@
 
 #include <gtest/gtest.h>
 
+#include <QTemporaryDir>
+
 #include <fcntl.h>
 #include <sys/stat.h>
 #include <unistd.h>
@@ -12,7 +14,6 @@
 #include <atomic>
 #include <csignal>
 #include <fstream>
-#include <functional>
 #include <thread>
 
 namespace vantrix {
@@ -22,74 +23,50 @@ namespace fs = std::filesystem;
 using namespace testing;
 using Kind = AppError::Kind;
 
-// A folder of its own for each test, removed afterwards.
 class LoadedVideoTest : public ::testing::Test {
  protected:
-  void SetUp() override {
-    const auto* info = ::testing::UnitTest::GetInstance()->current_test_info();
-    m_dir = fs::temp_directory_path() / ("vantrix-load-" + std::to_string(::getpid()) + "-" + info->name());
-    fs::remove_all(m_dir);
-    fs::create_directories(m_dir);
-  }
-  void TearDown() override { fs::remove_all(m_dir); }
-
+  fs::path in(const std::string& name) const { return fs::path(m_dir.path().toStdString()) / name; }
   fs::path copyAs(const fs::path& source, const std::string& name, std::uintmax_t keepBytes = UINTMAX_MAX) const {
-    const fs::path target = m_dir / name;
-    fs::copy_file(source, target, fs::copy_options::overwrite_existing);
-    if (keepBytes < fs::file_size(target)) fs::resize_file(target, keepBytes);
-    return target;
+    fs::copy_file(source, in(name), fs::copy_options::overwrite_existing);
+    if (keepBytes < fs::file_size(in(name))) fs::resize_file(in(name), keepBytes);
+    return in(name);
   }
   fs::path write(const std::string& name, const std::string& bytes) const {
-    std::ofstream(m_dir / name, std::ios::binary) << bytes;
-    return m_dir / name;
+    std::ofstream(in(name), std::ios::binary) << bytes;
+    return in(name);
   }
 
-  fs::path m_dir;
+  QTemporaryDir m_dir;
 };
 
 // Every way of opening a file ends in a LoadedVideo or in one refusal with its one log line.
 TEST_F(LoadedVideoTest, EachFileIsAcceptedOrRefusedWithItsLogLine) {
-  const char* kRejected = "Rejecting unsupported file: ";
-  const char* kNoVideo = "Asset has no usable video: ";
-  const char* kFailed = "Failed to load asset: ";
+  const std::vector<const char*> kRejected{"Rejecting unsupported file: "}, kNoVideo{"Asset has no usable video: "},
+      kDamaged{"Failed to load asset: ", "Asset has no usable video: "};
+  const std::optional<Kind> kUnsupported = Kind::unsupportedFile;
   const struct {
     const char* what;
-    std::function<fs::path()> path;
+    fs::path path;
     std::optional<Kind> refusal;
     std::vector<const char*> lines;  // one of these, followed by the file name; none when accepted
   } cases[] = {
-      {"upper-case extension", [&] { return copyAs(fixture({.upperCaseExtension = true}), "clip.MP4"); }, {}, {}},
-      {".mov", [] { return fixture({.container = Container::mov}); }, {}, {}},
-      {".m4v", [] { return fixture({.container = Container::m4v}); }, {}, {}},
+      {"upper-case extension", copyAs(fixture({.upperCaseExtension = true}), "clip.MP4"), {}, {}},
+      {".mov", fixture({.container = Container::mov}), {}, {}},
+      {".m4v", fixture({.container = Container::m4v}), {}, {}},
       // Refused by name alone: were the disk asked, these would be missing files.
-      {"second extension .txt", [&] { return m_dir / "clip.mp4.txt"; }, Kind::unsupportedFile, {kRejected}},
-      {"no extension", [&] { return m_dir / "clip"; }, Kind::unsupportedFile, {kRejected}},
-      {"deleted", [&] { return m_dir / "gone.mp4"; }, Kind::fileMoved, {"Supported file missing on disk: "}},
-      {"audio-only .m4v",
-       [] { return fixture({.container = Container::m4v, .audioOnly = true}); },
-       Kind::unsupportedFile,
-       {kNoVideo}},
-      {"audio-only .mov",
-       [] { return fixture({.container = Container::mov, .audioOnly = true}); },
-       Kind::unsupportedFile,
-       {kNoVideo}},
-      {"cover art only", [] { return fixture({.coverArtOnly = true}); }, Kind::unsupportedFile, {kNoVideo}},
-      {"truncated .mov",
-       [] { return fixture({.container = Container::mov, .damage = Damage::truncated}); },
-       Kind::unsupportedFile,
-       {kFailed, kNoVideo}},
-      {"zeroed header .mov",
-       [] { return fixture({.container = Container::mov, .damage = Damage::zeroedHeader}); },
-       Kind::unsupportedFile,
-       {kFailed, kNoVideo}},
-      {"empty .mov", [&] { return write("empty.mov", ""); }, Kind::unsupportedFile, {kFailed, kNoVideo}},
-      {"text named .mp4",
-       [&] { return write("notes.mp4", "not a movie\n"); },
-       Kind::unsupportedFile,
-       {kFailed, kNoVideo}},
+      {"second extension .txt", in("clip.mp4.txt"), kUnsupported, kRejected},
+      {"no extension", in("clip"), kUnsupported, kRejected},
+      {"deleted", in("gone.mp4"), Kind::fileMoved, {"Supported file missing on disk: "}},
+      {"audio-only .m4v", fixture({.container = Container::m4v, .audioOnly = true}), kUnsupported, kNoVideo},
+      {"audio-only .mov", fixture({.container = Container::mov, .audioOnly = true}), kUnsupported, kNoVideo},
+      {"cover art only", fixture({.coverArtOnly = true}), kUnsupported, kNoVideo},
+      {"truncated", fixture({.container = Container::mov, .damage = Damage::truncated}), kUnsupported, kDamaged},
+      {"zeroed header", fixture({.container = Container::mov, .damage = Damage::zeroedHeader}), kUnsupported, kDamaged},
+      {"empty", write("empty.mov", ""), kUnsupported, kDamaged},
+      {"text named .mp4", write("notes.mp4", "not a movie\n"), kUnsupported, kDamaged},
   };
   for (const auto& c : cases) {
-    const fs::path path = c.path();
+    const fs::path& path = c.path;
     LogCapture log;
     const auto result = LoadedVideo::load(path);
     const QStringList lines = log.messages("vantrix.media");
@@ -159,9 +136,9 @@ TEST_F(LoadedVideoTest, EachLoadGetsItsOwnId) {
 // A file that arrives slowly (a pipe fed a little at a time) keeps the open waiting; stopping the
 // load must end it before the rest of the file arrives.
 TEST_F(LoadedVideoTest, StoppingASlowOpenEndsItPromptly) {
-  std::ifstream in(fixture({}), std::ios::binary);
-  const std::string bytes(std::istreambuf_iterator<char>(in), {});
-  const fs::path pipe = m_dir / "slow.mp4";
+  std::ifstream source(fixture({}), std::ios::binary);
+  const std::string bytes(std::istreambuf_iterator<char>(source), {});
+  const fs::path pipe = in("slow.mp4");
   ASSERT_EQ(::mkfifo(pipe.c_str(), 0600), 0);
   const auto previous = std::signal(SIGPIPE, SIG_IGN);  // the reader leaves early on purpose
 

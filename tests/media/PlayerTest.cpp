@@ -13,6 +13,7 @@
 #include <chrono>
 #include <cmath>
 #include <numbers>
+#include <utility>
 
 namespace vantrix {
 namespace {
@@ -64,28 +65,21 @@ class RecordingAudio final : public AudioOutput {
   std::shared_ptr<std::shared_ptr<AudioFeed>> m_feed = std::make_shared<std::shared_ptr<AudioFeed>>();
 };
 
-// Tone strength at `hz` over samples (Goertzel), normalised to the window length.
-double toneLevel(std::span<const float> samples, double hz) {
-  const double w = 2 * std::numbers::pi * hz / CompositionReader::kSampleRate;
-  double s1 = 0, s2 = 0;
-  for (float x : samples) {
-    const double s0 = x + 2 * std::cos(w) * s1 - s2;
-    s2 = s1;
-    s1 = s0;
-  }
-  return std::sqrt(s1 * s1 + s2 * s2 - 2 * std::cos(w) * s1 * s2) / static_cast<double>(samples.size());
-}
-
-// The source second whose tone dominates, -1 for digital silence.
-int heardSecond(std::span<const float> samples, int seconds) {
+// The source second whose tone is strongest (Goertzel at each second's pitch), -1 for digital
+// silence.
+int heardSecond(std::span<const float> samples) {
   if (std::ranges::all_of(samples, [](float x) { return x == 0.0f; })) return -1;
   int best = -2;
-  double level = 0;
-  for (int s = 0; s < seconds; ++s)
-    if (const double l = toneLevel(samples, toneForSecond(s)); l > level) {
-      level = l;
-      best = s;
+  double bestPower = 0;
+  for (int second = 0; second < 8; ++second) {
+    const double c = 2 * std::cos(2 * std::numbers::pi * toneForSecond(second) / CompositionReader::kSampleRate);
+    double s1 = 0, s2 = 0;
+    for (float x : samples) s2 = std::exchange(s1, x + c * s1 - s2);
+    if (const double power = s1 * s1 + s2 * s2 - c * s1 * s2; power > bestPower) {
+      bestPower = power;
+      best = second;
     }
+  }
   return best;
 }
 
@@ -215,7 +209,7 @@ TEST_F(PlayerTest, PlaysEveryStretchWithItsFramesAndItsSound) {
       continue;
     const auto from = static_cast<std::size_t>(CompositionReader::audioSampleAt(t));
     const auto window = std::span<const float>(mono).subspan(from, CompositionReader::kSampleRate / 20);
-    EXPECT_EQ(heardSecond(window, 8), expected) << "at output " << t.seconds() << " s";
+    EXPECT_EQ(heardSecond(window), expected) << "at output " << t.seconds() << " s";
     ++checked;
   }
   EXPECT_GT(checked, 40);
