@@ -9,7 +9,6 @@
 
 #include <QDir>
 #include <QFile>
-#include <QRegularExpression>
 #include <QTemporaryDir>
 
 #include <gtest/gtest.h>
@@ -103,12 +102,9 @@ class SessionStoreTest : public ::testing::Test {
 };
 
 TEST_F(SessionStoreTest, FileNameIsTheSha256OfTheResolvedPath) {
-  // A known digest (a path that does not exist is hashed as written).
+  // A known digest, in lower-case hexadecimal (a path that does not exist is hashed as written).
   EXPECT_EQ(SessionStore::sessionFileName("/Volumes/Media/clip.mov"),
             "4eb1e0c86029d16d7939cdd7a02d41c8b5f1bb65146ac7acd66c7edb3f63f306.json");
-  const QRegularExpression shape(QStringLiteral("^[0-9a-f]{64}\\.json$"));
-  for (const QString& path : {QString(), QString::fromUtf8("/home/ana/Vídeos/café ☕.mov"), video})
-    EXPECT_TRUE(shape.match(SessionStore::sessionFileName(path)).hasMatch()) << path.toStdString();
 
   ASSERT_TRUE(QDir().mkpath(root + "/real/sub"));
   writeVideo(root + "/real/sub/clip.mov");
@@ -218,53 +214,42 @@ TEST_F(SessionStoreTest, ABookmarkThatDoesNotResolveSkipsTheSaveAndWritesNothing
   EXPECT_FALSE(QFileInfo::exists(folder));  // not even the folder
 }
 
+// Each case breaks the second of two saves; the first one's file stays as it was.
 TEST_F(SessionStoreTest, AFailedSaveIsLoggedAndKeepsThePreviousFile) {
-  const struct {
-    const char* what;
-    std::function<void()> breakIt;  // after a first, good save
-    QString expected;
-    bool nanDate = false, limitFileSize = false;
-  } cases[] = {
-      {"the session folder is a file",
-       [&] {
-         QDir(folder).removeRecursively();
-         writeFile(folder, "not a folder");
-       },
-       failed(QStringLiteral("Could not create the folder %1: %2").arg(folder, osMessage(ENOTDIR)))},
-      {"the session file is a folder",
-       [&] {
-         QFile::remove(target());
-         QDir().mkpath(target() + "/inside");
-       },
-       failed(QStringLiteral("Could not write %1: Filename refers to a directory").arg(target()))},
-      {"the file system takes no more bytes", [] {},
-       failed(QStringLiteral("Could not write %1: %2").arg(target(), osMessage(EFBIG))), false, true},
-      {"the date has no JSON form", [] {},
-       failed("Could not encode the session: the modification date is not a finite number"), true},
+  Session second = sessionFor(video);
+  second.segments.clear();
+  Session undatable = second;
+  undatable.modificationDate = std::nan("");
+  rlimit unlimited{};
+  ::getrlimit(RLIMIT_FSIZE, &unlimited);
+  std::signal(SIGXFSZ, SIG_IGN);  // a write past the size limit then fails with EFBIG
+  const auto noMoreBytes = [&] {
+    const rlimit tiny{16, unlimited.rlim_max};
+    ::setrlimit(RLIMIT_FSIZE, &tiny);
   };
-  for (const auto& c : cases) {
-    SCOPED_TRACE(c.what);
+  // clang-format off
+  const std::tuple<const char*, std::function<void()>, Session, QString> cases[] = {
+      {"the session folder is a file", [&] { QDir(folder).removeRecursively(); writeFile(folder, "a file"); }, second,
+       failed(QStringLiteral("Could not create the folder %1: %2").arg(folder, osMessage(ENOTDIR)))},
+      {"the session file is a folder", [&] { QFile::remove(target()); QDir().mkpath(target() + "/inside"); }, second,
+       failed(QStringLiteral("Could not write %1: Filename refers to a directory").arg(target()))},
+      {"the file system takes no more bytes", noMoreBytes, second,
+       failed(QStringLiteral("Could not write %1: %2").arg(target(), osMessage(EFBIG)))},
+      {"the date has no JSON form", [] {}, undatable,
+       failed("Could not encode the session: the modification date is not a finite number")},
+  };
+  // clang-format on
+  for (const auto& [what, breakIt, session, line] : cases) {
+    SCOPED_TRACE(what);
     QDir(folder).removeRecursively();
     QFile::remove(folder);
     store.save(sessionFor(video));
     const QByteArray before = readFile(target());
-    c.breakIt();
-
-    Session second = sessionFor(video);
-    second.segments.clear();
-    if (c.nanDate) second.modificationDate = std::nan("");
-    rlimit previous{};
-    ::getrlimit(RLIMIT_FSIZE, &previous);
-    if (c.limitFileSize) {
-      std::signal(SIGXFSZ, SIG_IGN);  // a write past the limit then fails with EFBIG
-      const rlimit tiny{16, previous.rlim_max};
-      ::setrlimit(RLIMIT_FSIZE, &tiny);
-    }
+    breakIt();
     LogCapture log;
-    store.save(second);
-    ::setrlimit(RLIMIT_FSIZE, &previous);
-
-    EXPECT_EQ(infoLines(log), QStringList{c.expected});
+    store.save(session);
+    ::setrlimit(RLIMIT_FSIZE, &unlimited);
+    EXPECT_EQ(infoLines(log), QStringList{line});
     if (QFileInfo(target()).isFile()) {
       EXPECT_EQ(readFile(target()), before);
       EXPECT_EQ(entries(folder), QStringList{SessionStore::sessionFileName(video)});
