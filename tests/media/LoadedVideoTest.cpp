@@ -88,7 +88,7 @@ TEST_F(LoadedVideoTest, EachFileIsAcceptedOrRefusedWithItsLogLine) {
 // Every sample file with decodable video opens, its duration exactly the span of its frames; the
 // others are refused.
 TEST_F(LoadedVideoTest, RealWorldFilesOpenWithTheSpanOfTheirFramesOrAreRefused) {
-  VANTRIX_REQUIRE_REAL_WORLD();
+  if (!haveRealWorld()) GTEST_SKIP() << "no real-world media folder";
   int withVideo = 0, refused = 0;
   for (const auto& entry : fs::recursive_directory_iterator(realWorldFile())) {
     const auto ext = entry.path().extension();
@@ -111,7 +111,7 @@ TEST_F(LoadedVideoTest, RealWorldFilesOpenWithTheSpanOfTheirFramesOrAreRefused) 
 // Cut anywhere, a file is refused cleanly with one line. Files whose index comes first still
 // promise the packets that were cut off; files whose index comes last lose it.
 TEST_F(LoadedVideoTest, FilesCutShortAreRefused) {
-  VANTRIX_REQUIRE_REAL_WORLD();
+  if (!haveRealWorld()) GTEST_SKIP() << "no real-world media folder";
   for (const char* file :
        {"androidx__media/sample.mp4", "androidx__media/sample_edit_list.mp4",
         "drewnoakes__metadata-extractor-images/sample_mpeg4.mp4", "androidx__media/sowt-with-video.mov"}) {

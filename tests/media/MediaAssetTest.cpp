@@ -1,6 +1,12 @@
+#include "media/DisplayTransform.h"
 #include "media/MediaAsset.h"
+#include "media/VideoDecoder.h"
 
 #include "MediaTestSupport.h"
+
+extern "C" {
+#include <libavutil/display.h>
+}
 
 #include <gtest/gtest.h>
 
@@ -76,6 +82,95 @@ TEST(MediaAsset, SourceTimesAndStreamTimestampsConvertThroughTheFirstFrame) {
   }
   EXPECT_EQ(asset.sourceTimeForTimestamp(32002, {1, 30000}), RationalTime(1, 1));
   EXPECT_EQ(asset.sourceTimeForTimestamp(2943, {1, 44100}), RationalTime(2943, 44100) - RationalTime(2002, 30000));
+}
+
+// FFmpeg's matrix for a picture shown turned clockwise by `degrees`, optionally mirrored.
+DisplayTransform::Matrix matrix(double degrees, bool hflip = false) {
+  DisplayTransform::Matrix m{};
+  av_display_rotation_set(m.data(), degrees);
+  av_display_matrix_flip(m.data(), hflip ? 1 : 0, 0);
+  return m;
+}
+
+// A 3 x 2 stored picture, black but for one red pixel in its top-left corner.
+QImage marked() {
+  QImage image(3, 2, QImage::Format_RGB32);
+  image.fill(Qt::black);
+  image.setPixel(0, 0, qRgb(255, 0, 0));
+  return image;
+}
+
+TEST(DisplayTransform, QuarterTurnsAndMirrorsPutTheStoredCornerWhereItIsShown) {
+  const struct {
+    const char* what;
+    DisplayTransform t;
+    int clockwise;
+    QSize shown;
+    QPoint corner;  // where the stored top-left pixel is shown
+  } cases[] = {
+      {"default", DisplayTransform(), 0, {3, 2}, {0, 0}},
+      {"90", DisplayTransform(matrix(90)), 90, {2, 3}, {1, 0}},
+      {"180", DisplayTransform(matrix(180)), 180, {3, 2}, {2, 1}},
+      {"-90", DisplayTransform(matrix(-90)), 270, {2, 3}, {0, 2}},
+      {"80 snaps to a quarter turn", DisplayTransform(matrix(80)), 90, {2, 3}, {1, 0}},
+      {"horizontal mirror", DisplayTransform(matrix(0, true)), 180, {3, 2}, {2, 0}},
+      {"mirrored quarter turn: a transpose", DisplayTransform(matrix(90, true)), 90, {2, 3}, {0, 0}},
+      {"all zero: shown as stored", DisplayTransform(DisplayTransform::Matrix{}), 0, {3, 2}, {0, 0}},
+  };
+  for (const auto& c : cases) {
+    EXPECT_EQ(c.t.rotationDegrees(), c.clockwise) << c.what;
+    const QImage shown = c.t.applied(marked());
+    ASSERT_EQ(shown.size(), c.shown) << c.what;
+    EXPECT_EQ(shown.pixel(c.corner), qRgb(255, 0, 0)) << c.what;
+  }
+  // The writer leaves the matrix out only for the identity.
+  EXPECT_TRUE(DisplayTransform().isIdentity());
+  EXPECT_FALSE(DisplayTransform(matrix(90)).isIdentity());
+}
+
+// Seeking to a frame's timestamp, decoding forward reaches that very frame and shows nothing after
+// it first: open groups of pictures, edit lists and B-frames included.
+TEST(VideoDecoder, EverySeekReachesTheFrameAtItsTarget) {
+  std::vector<std::filesystem::path> files{fixture({})};
+  if (haveRealWorld()) {
+    for (const char* f :
+         {"androidx__media/iibbibb_editlist_videoonly.mp4", "androidx__media/pixel7_videoOnly_cleaned.mp4",
+          "androidx__media/sample.mp4", "drewnoakes__metadata-extractor-images/with-gps.mov"})
+      files.push_back(realWorldFile(f));
+  }
+  for (const auto& file : files) {
+    SCOPED_TRACE(file);
+    auto decoder = VideoDecoder::open(openAsset(file));
+    ASSERT_TRUE(decoder);
+    std::vector<std::int64_t> timestamps;
+    for (auto frame = decoder->nextFrame(); frame && *frame; frame = decoder->nextFrame())
+      timestamps.push_back((*frame)->best_effort_timestamp);
+    ASSERT_FALSE(timestamps.empty());
+    // Fifteen targets spread over the stream, the first and the last frame among them.
+    for (std::size_t i = 0; i < 15; ++i) {
+      const std::int64_t target = timestamps[i * (timestamps.size() - 1) / 14];
+      ASSERT_TRUE(decoder->seek(target));
+      std::int64_t reached = 0;
+      do {
+        const auto frame = decoder->nextFrame();
+        ASSERT_TRUE(frame && *frame) << "the stream ended before " << target;
+        reached = (*frame)->best_effort_timestamp;
+      } while (reached < target);
+      EXPECT_EQ(reached, target);
+    }
+  }
+}
+
+// Frames already decoded may still come out after a stop; reading more input must not.
+TEST(VideoDecoder, AStoppedDecoderReportsCancellation) {
+  std::stop_source stop;
+  auto decoder = VideoDecoder::open(openAsset(fixture({})), stop.get_token());
+  ASSERT_TRUE(decoder && decoder->nextFrame());
+  stop.request_stop();
+  auto last = decoder->nextFrame();
+  for (int i = 0; i < 64 && last && *last; ++i) last = decoder->nextFrame();
+  ASSERT_FALSE(last);
+  EXPECT_TRUE(last.error().is(MediaError::Code::cancelled)) << last.error().description();
 }
 
 }  // namespace

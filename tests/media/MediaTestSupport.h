@@ -92,15 +92,10 @@ inline std::int64_t expectedFrame(const Composition& composition, RationalTime t
 inline std::filesystem::path realWorldFile(const char* relative = "") {
   return std::filesystem::path(VANTRIX_REAL_WORLD_DIR) / relative;
 }
-// The folder is optional: it is never copied into the checkout.
+// The folder is optional (never copied into the checkout): tests that need it skip without it.
 inline bool haveRealWorld() {
   std::error_code ec;
   return std::filesystem::is_directory(realWorldFile(), ec);
 }
 
 }  // namespace vantrix::testing
-
-#define VANTRIX_REQUIRE_REAL_WORLD()                                                        \
-  do {                                                                                      \
-    if (!::vantrix::testing::haveRealWorld()) GTEST_SKIP() << "no real-world media folder"; \
-  } while (false)
