@@ -228,7 +228,7 @@ TEST(Exporter, AFullDiskGivesDiskFullAndLeavesNoFile) {
   } unmount{mountPoint};
   const auto asset = openAsset(fixture(kLarge));
   const auto out = exportTo(compose(timelineFor(*asset, std::nullopt, {}), asset), mountPoint + "/full.mp4");
-  EXPECT_EQ(out.result, std::unexpected(AppError::diskFull()));
+  EXPECT_EQ(refusal(out.result), AppError::diskFull());
   EXPECT_TRUE(fs::is_empty(mountPoint));
 }
 

@@ -20,6 +20,7 @@
 
 namespace vantrix {
 inline void PrintTo(RationalTime t, std::ostream* os) { *os << t.toString(); }
+inline void PrintTo(const AppError& e, std::ostream* os) { *os << toString(e.kind()); }
 }  // namespace vantrix
 
 namespace vantrix::testing {
@@ -54,6 +55,12 @@ inline std::shared_ptr<const Composition> compose(const SpeedTimeline& timeline,
   auto built = CompositionBuilder::build(timeline, asset);
   EXPECT_TRUE(built);
   return built ? *built : nullptr;
+}
+
+// The error of a call that failed; nullopt for one that succeeded.
+template <typename T>
+std::optional<AppError> refusal(const std::expected<T, AppError>& result) {
+  return result ? std::nullopt : std::optional(result.error());
 }
 
 // From the first frame's start to the last frame's end.
