@@ -10,14 +10,12 @@ namespace vantrix {
 namespace {
 
 using namespace testing;
-
 using CompositionBuilder::Range;
 
 RationalTime s(std::int64_t seconds) { return RationalTime::seconds(seconds); }
 // Seconds on the 1/600 s grid that phone videos use.
 RationalTime t600(double seconds) { return {static_cast<std::int64_t>(seconds * 600), 600}; }
 
-// A 60 s source on the 1/600 s grid.
 std::shared_ptr<const MediaAsset> asset(bool withAudio, bool withVideo = true) {
   std::optional<VideoTrack> video;
   if (withVideo) {
@@ -31,7 +29,6 @@ std::shared_ptr<const MediaAsset> asset(bool withAudio, bool withVideo = true) {
   return std::make_shared<const MediaAsset>("source.mov", video, audio);
 }
 
-// Source 60 s, trim 5 to 50 s, 10 to 20 s at x4 and 20 to 30 s at x2.
 SpeedTimeline workedExample() {
   SpeedTimeline t(t600(60));
   EXPECT_TRUE(t.setTrim(t600(5), t600(50)));

@@ -10,6 +10,8 @@ extern "C" {
 
 #include <gtest/gtest.h>
 
+#include <array>
+
 namespace vantrix {
 namespace {
 
@@ -45,9 +47,7 @@ TEST(MediaAsset, GeneratedFilesReportTheirStreamsAndTheExactSpanOfTheirFrames) {
     ASSERT_EQ(asset->audio().has_value(), s.audio != AudioLayout::none);
     if (asset->audio()) {
       EXPECT_EQ(asset->audio()->sampleRate, s.sampleRate);
-      EXPECT_EQ(asset->audio()->channelCount, s.audio == AudioLayout::mono     ? 1
-                                              : s.audio == AudioLayout::stereo ? 2
-                                                                               : 6);
+      EXPECT_EQ(asset->audio()->channelCount, (std::array{0, 1, 2, 6}[static_cast<std::size_t>(s.audio)]));
     }
   }
 }
