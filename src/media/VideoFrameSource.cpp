@@ -88,7 +88,14 @@ std::expected<const VideoFrameSource::Held*, MediaError> VideoFrameSource::lates
   bool reposition = !m_positioned || current == nullptr || (m_held ? m_held->sourceTime : current->sourceTime) > x;
   if (!reposition && current != nullptr && current->sourceTime < x) {
     // Far ahead: when a keyframe lies between here and x, starting from it skips the frames between.
-    const auto keyframe = m_decoder.keyframeAtOrBefore(timestampOf(x));
+    // The index holds decode times, which run ahead of presentation by the reordering delay; a
+    // keyframe is taken only when it decodes a few frames before x, or it might show after x and
+    // send the decoder back a whole group of pictures.
+    const AVRational rate = m_decoder.track().frameRate;
+    const AVRational base = m_decoder.track().timeBase;
+    const std::int64_t margin = timemath::narrow(timemath::roundDiv(
+        timemath::mul(kReorderFrames * static_cast<std::int64_t>(base.den), rate.den), timemath::mul(base.num, rate.num)));
+    const auto keyframe = m_decoder.keyframeAtOrBefore(timestampOf(x) - margin);
     reposition = keyframe && *keyframe > timestampOf(current->sourceTime);
   }
   if (reposition) {

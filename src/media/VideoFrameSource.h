@@ -66,6 +66,8 @@ class VideoFrameSource {
   // Frames kept behind the one held, so that a step back by a few frames (the preview after an
   // edit, at the playhead, while the decoder has run ahead of it) needs no new decoding.
   static constexpr std::size_t kHistoryFrames = 12;
+  // Frames by which decoding may run ahead of presentation (B-frame reordering), generously.
+  static constexpr std::int64_t kReorderFrames = 4;
 
   // The picture after m_held becomes the held one; the old one goes to the history.
   void promoteAhead();
