@@ -14,12 +14,12 @@ namespace {
 TEST(PlayerViewTest, ShowsThePictureUprightAndWhole) {
   for (const int rotation : {0, 90, 180, 270}) {
     SCOPED_TRACE(rotation);
-    FixtureSpec spec = clipSpec();
-    spec.width = 320;
-    spec.height = 240;
-    spec.rotation = rotation;
+    FixtureSpec recipe = clipSpec();
+    recipe.width = 320;
+    recipe.height = 240;
+    recipe.rotation = rotation;
     Editor editor;
-    editor.openAndWait(fixture(spec));
+    editor.openAndWait(fixture(recipe));
     auto* view = editor.window().findChild<PlayerView*>();
     ASSERT_NE(view, nullptr);
     ASSERT_TRUE(waitUntil([&] { return !view->pictureRect().isEmpty(); }));

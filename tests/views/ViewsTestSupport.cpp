@@ -40,12 +40,12 @@ void runEventsFor(int milliseconds) {
 }
 
 FixtureSpec clipSpec() {
-  FixtureSpec spec;
-  spec.seconds = 3;
-  spec.width = 160;
-  spec.height = 120;
-  spec.gopFrames = 15;
-  return spec;
+  FixtureSpec recipe;
+  recipe.seconds = 3;
+  recipe.width = 160;
+  recipe.height = 120;
+  recipe.gopFrames = 15;
+  return recipe;
 }
 
 AppServices quietServices() {
