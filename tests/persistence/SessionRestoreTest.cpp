@@ -76,6 +76,9 @@ TEST(SessionRestore, AnyRefusalGivesTheFreshTimelineNeverAPartOne) {
       {"a segment at a timescale coprime to the others",
        session(s(0), s(100), {{s(1), s(2), Speed::x2}, {RationalTime(900000, 89999), s(15), Speed::x4}}), s(100),
        E::invalidRange},
+      {"a 139-day video with a segment at an odd timescale",
+       session(s(0), RationalTime(540000090000, 45000), {{RationalTime(900000, 19365), s(58), Speed::x16}}),
+       RationalTime(540000090000, 45000), E::invalidRange},
       {"a segment at a negative timescale", session(s(0), s(10), {{RationalTime(-1, -1), s(2), Speed::x2}}), s(10),
        E::invalidRange},
   };
