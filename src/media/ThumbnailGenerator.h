@@ -39,8 +39,9 @@ class ThumbnailGenerator {
 
   explicit ThumbnailGenerator(std::shared_ptr<const MediaAsset> asset);
 
-  // Delivers a thumbnail for each time in list order, as soon as it is made. A time whose frame
-  // cannot be read or lies farther than kTolerance from every frame is skipped silently; a file
+  // Delivers a thumbnail for each time in list order, as soon as it is made: the first frame
+  // within kTolerance of the time that decoding reaches, not necessarily the nearest. A time whose
+  // frame cannot be read or lies farther than kTolerance from every frame is skipped silently; a file
   // that cannot be opened delivers nothing. The image height is imageHeight(height, scale).
   // `stop` is checked before every frame is decoded: once it is triggered no further frame is
   // decoded and generate() returns. An empty list returns at once without opening the file.
