@@ -45,16 +45,22 @@ sanitize: deps
 	cmake --build $(ASAN_BUILD) -j $(JOBS)
 	cd $(ASAN_BUILD) && ASAN_OPTIONS=detect_leaks=1 UBSAN_OPTIONS=print_stacktrace=1 ctest --output-on-failure -j $(JOBS)
 
-# The session decoder fuzzer (clang + libFuzzer, ASan + UBSan) for FUZZ_SECONDS, from the committed
-# seeds; new corpus entries stay in $(FUZZ_BUILD)/corpus. A finding stops the run with its input in
-# $(FUZZ_BUILD)/findings: add it to fuzz/findings/ (replayed by tests/persistence) and fix it.
+# Every fuzzer (clang + libFuzzer, ASan + UBSan) for FUZZ_SECONDS each, from the committed seeds;
+# new corpus entries stay in $(FUZZ_BUILD)/corpus. A finding stops the run with its input in
+# $(FUZZ_BUILD)/findings: add it to fuzz/findings/ (replayed by tests/persistence and tests/media)
+# and fix it. The media fuzzer runs in libFuzzer's fork mode: every input runs in a child process,
+# and one that hangs past -timeout or crashes stops the run (fuzz/README.md).
 fuzz: deps
 	cmake -S . -B $(FUZZ_BUILD) -G Ninja -DCMAKE_CXX_COMPILER=clang++-16 -DVANTRIX_FUZZ=ON
 	cmake --build $(FUZZ_BUILD) -j $(JOBS)
-	mkdir -p $(FUZZ_BUILD)/corpus/session $(FUZZ_BUILD)/findings
+	mkdir -p $(FUZZ_BUILD)/corpus/session $(FUZZ_BUILD)/corpus/media $(FUZZ_BUILD)/findings
 	$(FUZZ_BUILD)/fuzz/session_decoder_fuzzer -max_total_time=$(FUZZ_SECONDS) -timeout=10 -rss_limit_mb=2048 \
 	  -dict=fuzz/session.dict -artifact_prefix=$(FUZZ_BUILD)/findings/ -print_final_stats=1 \
 	  $(FUZZ_BUILD)/corpus/session fuzz/corpus/session fuzz/findings
+	$(FUZZ_BUILD)/fuzz/media_opening_fuzzer -fork=1 -ignore_crashes=0 -ignore_timeouts=0 -ignore_ooms=0 \
+	  -max_total_time=$(FUZZ_SECONDS) -timeout=10 -rss_limit_mb=2048 -max_len=16384 \
+	  -dict=fuzz/media.dict -artifact_prefix=$(FUZZ_BUILD)/findings/ -print_final_stats=1 \
+	  $(FUZZ_BUILD)/corpus/media fuzz/corpus/media fuzz/findings/media
 
 # `make run FILE=clip.mov` opens the clip; without FILE the editor starts empty. Without a display
 # it stops at once with one line.

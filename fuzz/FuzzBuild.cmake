@@ -1,5 +1,6 @@
-# The fuzz build (-DVANTRIX_FUZZ=ON, clang only): just the model, the session format and the
-# libFuzzer targets, every object instrumented for coverage and checked by ASan + UBSan.
+# The fuzz build (-DVANTRIX_FUZZ=ON, clang only): just the model, the session format, the media
+# layer and the libFuzzer targets, every object of ours instrumented for coverage and checked by
+# ASan + UBSan. Qt and FFmpeg are the system's libraries, not instrumented.
 # Included from the top-level CMakeLists.txt, which stops after it.
 
 if(NOT CMAKE_CXX_COMPILER_ID STREQUAL "Clang" OR CMAKE_CXX_COMPILER_VERSION VERSION_LESS 16)
@@ -14,6 +15,10 @@ add_compile_options(-fsanitize=fuzzer-no-link,address,undefined -fno-sanitize-re
 add_link_options(-fsanitize=address,undefined)
 
 find_package(nlohmann_json 3.11 REQUIRED)
+find_package(Qt6 6.4 REQUIRED COMPONENTS Core Gui Multimedia)
+find_package(PkgConfig REQUIRED)
+pkg_check_modules(FFMPEG REQUIRED IMPORTED_TARGET libavformat libavcodec libavutil libswscale libswresample)
 add_subdirectory(src/model)
+add_subdirectory(src/media)
 add_subdirectory(src/persistence)
 add_subdirectory(fuzz)
