@@ -73,8 +73,9 @@ class MediaAsset {
  public:
   // Opens, probes and closes the file. An asset without usable video still opens (video() is
   // empty); the loader decides what that means. Fails with an FFmpeg error when the container
-  // cannot be read, `damagedMedia` when it promises packets that are not there, `cancelled` when
-  // `stop` was triggered.
+  // cannot be read, `damagedMedia` when it promises packets that are not there or its video's
+  // timestamps lie beyond what exact time arithmetic can take (see timingFits in
+  // MediaAssetProbe.cpp), `cancelled` when `stop` was triggered.
   static std::expected<std::shared_ptr<const MediaAsset>, MediaError> open(const std::filesystem::path& path,
                                                                            std::stop_token stop = {});
 

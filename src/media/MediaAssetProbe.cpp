@@ -3,6 +3,8 @@
 #include "media/FfmpegPtr.h"
 #include "media/MediaAsset.h"
 #include "media/MediaInput.h"
+#include "media/TimeMath.h"
+#include "model/Speed.h"
 
 extern "C" {
 #include <libavutil/display.h>
@@ -11,6 +13,7 @@ extern "C" {
 #include <algorithm>
 #include <cstring>
 #include <limits>
+#include <numeric>
 
 namespace vantrix {
 namespace {
@@ -67,8 +70,13 @@ struct Span {
   int counted = 0;
 };
 
+MediaError unreadableTiming(const std::string& name) {
+  return MediaError::own(MediaError::Code::damagedMedia, "The timestamps of " + name + " overflow");
+}
+
 // Reads packets until end of file (returns true) or until `limit` more packets were counted
-// (returns false). Packets of other streams are skipped by the demuxer (discard set).
+// (returns false). Packets of other streams are skipped by the demuxer (discard set). Timestamps
+// whose sums or differences leave 64 bits make the file damaged.
 std::expected<bool, MediaError> readPackets(MediaInput& input, int streamIndex, int limit, Span& span,
                                             const std::string& name) {
   PacketPtr packet = makePacket();
@@ -82,7 +90,10 @@ std::expected<bool, MediaError> readPackets(MediaInput& input, int streamIndex, 
     if (packet->stream_index != streamIndex) continue;
     if (packet->dts != AV_NOPTS_VALUE) {
       span.lastDts = std::max(span.lastDts, packet->dts);
-      if (previousDts != AV_NOPTS_VALUE) span.longest = std::max(span.longest, packet->dts - previousDts);
+      std::int64_t step = 0;
+      if (previousDts != AV_NOPTS_VALUE && __builtin_sub_overflow(packet->dts, previousDts, &step))
+        return std::unexpected(unreadableTiming(name));
+      span.longest = std::max(span.longest, step);
       previousDts = packet->dts;
     }
     if (packet->flags & AV_PKT_FLAG_DISCARD) continue;  // hidden by an edit list; never shown
@@ -90,7 +101,10 @@ std::expected<bool, MediaError> readPackets(MediaInput& input, int streamIndex, 
     if (ts == AV_NOPTS_VALUE) continue;
     span.first = std::min(span.first, ts);
     span.last = std::max(span.last, ts);
-    span.end = std::max(span.end, ts + std::max<std::int64_t>(packet->duration, 0));
+    std::int64_t end = 0;
+    if (__builtin_add_overflow(ts, std::max<std::int64_t>(packet->duration, 0), &end))
+      return std::unexpected(unreadableTiming(name));
+    span.end = std::max(span.end, end);
     span.longest = std::max(span.longest, packet->duration);
     ++span.counted;
     ++counted;
@@ -162,8 +176,28 @@ std::int64_t presentationEnd(const AVStream* st, const Span& span) {
   if (st->duration == AV_NOPTS_VALUE || st->duration <= 0) return span.end;
   const std::int64_t start = st->start_time != AV_NOPTS_VALUE ? st->start_time : span.first;
   std::int64_t declared = 0;
-  if (__builtin_add_overflow(start, st->duration, &declared)) return span.end;
-  return declared > span.last && declared <= span.end + span.longest ? declared : span.end;
+  std::int64_t latest = 0;
+  if (__builtin_add_overflow(start, st->duration, &declared) || __builtin_add_overflow(span.end, span.longest, &latest))
+    return span.end;
+  return declared > span.last && declared <= latest ? declared : span.end;
+}
+
+// Whether times between `first` and `end` (stream ticks) stay within reach of the editor's exact
+// arithmetic. Source times keep the track's timescale and meet the standard timescale and the
+// speed factors in sums, comparisons and conversions, so each such time, taken to the common
+// timescale lcm(den, 90000) x 16, must fit in half the 64-bit range (a sum of two still fits).
+// Real files are far inside: at 1/90000 this allows 3e12 seconds, at 1/15360 1e11. Only a crafted
+// file or a damaged header gets near: timestamps of 2^60 ticks, or a timescale with a large prime
+// factor (1/2147483647) together with a length beyond about 25 minutes.
+bool timingFits(std::int64_t first, std::int64_t end, AVRational timeBase) {
+  using timemath::Wide;
+  if (!valid(timeBase)) return false;
+  const Wide perTick = Wide{timeBase.num} * (RationalTime::kStandardTimescale /
+                                             std::gcd(std::int64_t{timeBase.den}, RationalTime::kStandardTimescale)) *
+                       multiplier(Speed::x16);
+  const Wide limit = Wide{1} << 62;
+  const auto fits = [&](std::int64_t ticks) { return (ticks < 0 ? -Wide{ticks} : Wide{ticks}) <= limit / perTick; };
+  return fits(first) && fits(end);
 }
 
 VideoTrack describeVideo(const AVFormatContext* ctx, AVStream* st, int index, const Span& span) {
@@ -173,6 +207,7 @@ VideoTrack describeVideo(const AVFormatContext* ctx, AVStream* st, int index, co
   v.codec = par->codec_id;
   v.timeBase = st->time_base;
   v.firstTimestamp = span.first;
+  // Within range: timingFits() held for the span's first and end ticks.
   v.duration = RationalTime((presentationEnd(st, span) - span.first) * st->time_base.num, st->time_base.den);
   v.frameRate = nominalFrameRate(st);
   v.width = par->width;
@@ -213,8 +248,13 @@ std::expected<std::shared_ptr<const MediaAsset>, MediaError> MediaAsset::open(co
   if (const int v = firstStream(ctx, isRealVideo); v >= 0) {
     const auto span = measureSpan(*input, v, name);
     if (!span) return std::unexpected(span.error());
-    if (span->counted > 0 && presentationEnd(ctx->streams[v], *span) > span->first)
-      video = describeVideo(ctx, ctx->streams[v], v, *span);
+    AVStream* st = ctx->streams[v];
+    if (span->counted > 0 && presentationEnd(st, *span) > span->first) {
+      if (!timingFits(span->first, presentationEnd(st, *span), st->time_base))
+        return std::unexpected(MediaError::own(MediaError::Code::damagedMedia,
+                                               "The timing of " + name + " is beyond what the editor can compute"));
+      video = describeVideo(ctx, st, v, *span);
+    }
   }
   return std::make_shared<const MediaAsset>(path, std::move(video), std::move(audio));
 }

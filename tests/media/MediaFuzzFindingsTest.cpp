@@ -1,0 +1,53 @@
+// Replays the media fuzzer's seeds and every input it ever found through the run it fuzzes
+// (fuzz/MediaOpening.h), so that a past crash, hang or broken promise stays fixed.
+
+#include "MediaOpening.h"
+
+#include <gtest/gtest.h>
+
+#include <filesystem>
+#include <map>
+
+namespace vantrix {
+namespace {
+
+std::vector<std::filesystem::path> inputsIn(const std::filesystem::path& folder) {
+  std::vector<std::filesystem::path> files;
+  for (const auto& entry : std::filesystem::directory_iterator(folder))
+    if (entry.is_regular_file() && entry.path().filename() != "README.md") files.push_back(entry.path());
+  return files;
+}
+
+TEST(MediaFuzzFindings, SeedsOpenPlayAndGiveEveryStill) {
+  const auto seeds = inputsIn(VANTRIX_MEDIA_FUZZ_CORPUS_DIR);
+  EXPECT_GE(seeds.size(), 5u);
+  for (const auto& seed : seeds) {
+    const auto report = fuzz::openLikeTheEditor(seed);
+    EXPECT_EQ(report.violation, std::nullopt) << seed;
+    EXPECT_FALSE(report.refusal) << seed;
+    EXPECT_GE(report.framesRead, 2) << seed;
+    EXPECT_EQ(report.thumbnails, 3) << seed;
+  }
+}
+
+// Every finding, with whether the loader must refuse it (true) or open it (false).
+const std::map<std::string, bool> kFindings = {
+    // A Matroska file under an .mp4 name whose last frame lies 2e14 s after the others: the
+    // player's sound position at the end overflowed 64 bits.
+    {"long-gap-before-the-last-frame.mp4", true},
+};
+
+TEST(MediaFuzzFindings, EveryPastFindingKeepsThePromisesAndEndsAsRecorded) {
+  const auto findings = inputsIn(VANTRIX_MEDIA_FUZZ_FINDINGS_DIR);
+  EXPECT_EQ(findings.size(), kFindings.size());
+  for (const auto& finding : findings) {
+    const auto report = fuzz::openLikeTheEditor(finding);
+    EXPECT_EQ(report.violation, std::nullopt) << finding;
+    const auto expected = kFindings.find(finding.filename().string());
+    ASSERT_NE(expected, kFindings.end()) << finding << " has no recorded outcome";
+    EXPECT_EQ(report.refusal.has_value(), expected->second) << finding;
+  }
+}
+
+}  // namespace
+}  // namespace vantrix
