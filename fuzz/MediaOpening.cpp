@@ -15,7 +15,7 @@ namespace {
 // Enough to pass the first group of pictures' reordering and the start of the sound, small enough
 // that one run stays in milliseconds for the fuzzer.
 constexpr int kFramesToRead = 6;
-constexpr int kAudioChunks = 4;
+constexpr int kAudioChunks = 12;  // a quarter of a second at 48 kHz
 constexpr int kAudioChunk = 1024;
 constexpr int kThumbnailCount = 3;
 

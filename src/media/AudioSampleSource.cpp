@@ -178,13 +178,13 @@ std::expected<void, MediaError> AudioSampleSource::append(const AVFrame* frame) 
   if (produced < 0)
     return std::unexpected(MediaError::ffmpeg(produced, "Resampling the sound of " + m_asset->path().filename().string()));
 
-  // Where this frame belongs, by its own timestamp; without one it follows the previous frame.
+  // Where this frame belongs, by its own timestamp; without one, or with one far from the video
+  // (damaged), it follows the previous frame.
   const std::int64_t bufferEnd = m_bufferStart + static_cast<std::int64_t>(m_buffer[0].size());
   std::int64_t start = bufferEnd;
-  if (frame->best_effort_timestamp != AV_NOPTS_VALUE) {
-    const RationalTime t = m_asset->sourceTimeForTimestamp(frame->best_effort_timestamp, m_asset->audio()->timeBase);
-    start = t.convertedToTimescale(m_rate).value();
-  }
+  if (frame->best_effort_timestamp != AV_NOPTS_VALUE)
+    start = m_asset->sampleIndexForTimestamp(frame->best_effort_timestamp, m_asset->audio()->timeBase, m_rate)
+                .value_or(bufferEnd);
   int skip = 0;
   if (!m_anchored) {
     m_bufferStart = start;

@@ -31,4 +31,18 @@ RationalTime MediaAsset::sourceTimeForTimestamp(std::int64_t timestamp, AVRation
   return RationalTime(narrow(mul(timestamp, timeBase.num)), timeBase.den) - origin();
 }
 
+std::optional<std::int64_t> MediaAsset::sampleIndexForTimestamp(std::int64_t timestamp, AVRational timeBase,
+                                                                 int rate) const {
+  constexpr double kReachSeconds = 3600;
+  if (timeBase.num <= 0 || timeBase.den <= 0 || rate <= 0) return std::nullopt;
+  // A coarse look first: past it every product below stays far inside 128 bits, since the
+  // probe admits only spans and origins of at most 2^62 ticks at the common timescale.
+  const RationalTime o = origin();
+  const double seconds = static_cast<double>(timestamp) * timeBase.num / timeBase.den - o.seconds();
+  if (!(seconds >= -kReachSeconds && seconds <= duration().seconds() + kReachSeconds)) return std::nullopt;
+  // (timestamp x num / den - o) x rate, in one rounding.
+  const auto numerator = mul(mul(timestamp, timeBase.num), o.timescale()) - mul(o.value(), timeBase.den);
+  return narrow(roundDiv(mul(numerator, rate), mul(timeBase.den, o.timescale())));
+}
+
 }  // namespace vantrix

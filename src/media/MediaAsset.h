@@ -93,6 +93,11 @@ class MediaAsset {
   std::int64_t timestampForSourceTime(RationalTime t, AVRational timeBase) const;
   // The source time of a timestamp in ticks of `timeBase`; exact.
   RationalTime sourceTimeForTimestamp(std::int64_t timestamp, AVRational timeBase) const;
+  // The index of the sample at `rate` per second where a timestamp in ticks of `timeBase` falls in
+  // source time, rounded to the nearest; nullopt when it lies more than an hour outside the
+  // video's span. Sound that far out is never played, and a damaged file's timestamps may lie
+  // anywhere, even where exact conversion would overflow.
+  std::optional<std::int64_t> sampleIndexForTimestamp(std::int64_t timestamp, AVRational timeBase, int rate) const;
 
  private:
   RationalTime origin() const;

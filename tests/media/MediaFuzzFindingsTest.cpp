@@ -35,6 +35,12 @@ const std::map<std::string, bool> kFindings = {
     // A Matroska file under an .mp4 name whose last frame lies 2e14 s after the others: the
     // player's sound position at the end overflowed 64 bits.
     {"long-gap-before-the-last-frame.mp4", true},
+    // Matroska again: sound packets 2e14 s after the video. Placing them in the sound buffer
+    // overflowed the conversion to a sample index; now they follow the sound before them.
+    {"sound-timestamps-far-from-the-video.mp4", false},
+    // Matroska whose video starts 2e14 s in and whose sound starts at 0: the sound's sample
+    // index overflowed, as would any time of that video converted for the player.
+    {"video-starting-2e14-seconds-in.mp4", true},
 };
 
 TEST(MediaFuzzFindings, EveryPastFindingKeepsThePromisesAndEndsAsRecorded) {
