@@ -28,6 +28,7 @@ std::expected<std::unique_ptr<AudioSampleSource>, MediaError> AudioSampleSource:
   if (!asset->audio()) return std::unexpected(MediaError::own(MediaError::Code::internal, "No audio in " + name));
   auto input = MediaInput::open(asset->path(), std::move(stop));
   if (!input) return std::unexpected(input.error());
+  if (auto same = asset->checkUnchanged(); !same) return std::unexpected(same.error());
   AVFormatContext* ctx = input->context();
   const int index = asset->audio()->streamIndex;
   if (index >= static_cast<int>(ctx->nb_streams))

@@ -165,17 +165,14 @@ class Run {
     m_progress(fraction);
   }
 
-  // An open file stays readable after it is deleted or moved, so the source's disappearance has to
-  // be noticed by looking: checked with each progress step and once at the end.
+  // An open file stays readable after it is deleted, moved or replaced, and one cut short in place
+  // reads as an early end; so a source that is no longer the file opened has to be noticed by
+  // looking: checked with each progress step and once at the end.
   std::expected<void, MediaError> checkSource(bool now = false) {
     const auto t = Clock::now();
     if (!now && t - m_lastSourceCheck < kProgressInterval) return {};
     m_lastSourceCheck = t;
-    std::error_code ec;
-    if (std::filesystem::exists(m_composition->asset()->path(), ec)) return {};
-    return std::unexpected(MediaError::own(MediaError::Code::sourceMissing,
-                                           "The source " + m_composition->asset()->path().filename().string() +
-                                               " was moved or deleted during the export"));
+    return m_composition->asset()->checkUnchanged();
   }
 
   std::shared_ptr<const Composition> m_composition;

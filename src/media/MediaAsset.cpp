@@ -2,14 +2,37 @@
 
 #include "media/TimeMath.h"
 
+#include <sys/stat.h>
+
 namespace vantrix {
 
 using timemath::mul;
 using timemath::narrow;
 using timemath::roundDiv;
 
-MediaAsset::MediaAsset(std::filesystem::path path, std::optional<VideoTrack> video, std::optional<AudioTrack> audio)
-    : m_path(std::move(path)), m_video(std::move(video)), m_audio(std::move(audio)) {}
+std::optional<FileIdentity> FileIdentity::of(const std::filesystem::path& path) {
+  struct stat st {};
+  if (::stat(path.c_str(), &st) != 0) return std::nullopt;
+  return FileIdentity{static_cast<std::uint64_t>(st.st_dev), static_cast<std::uint64_t>(st.st_ino),
+                      static_cast<std::int64_t>(st.st_size), static_cast<std::int64_t>(st.st_mtim.tv_sec),
+                      static_cast<std::int64_t>(st.st_mtim.tv_nsec)};
+}
+
+MediaAsset::MediaAsset(std::filesystem::path path, std::optional<VideoTrack> video, std::optional<AudioTrack> audio,
+                       std::optional<FileIdentity> identity)
+    : m_path(std::move(path)), m_video(std::move(video)), m_audio(std::move(audio)), m_identity(identity) {}
+
+std::expected<void, MediaError> MediaAsset::checkUnchanged() const {
+  if (!m_identity) return {};
+  const std::string name = m_path.filename().string();
+  const auto now = FileIdentity::of(m_path);
+  if (!now)
+    return std::unexpected(MediaError::own(MediaError::Code::sourceMissing, name + " was moved or deleted"));
+  if (*now != *m_identity)
+    return std::unexpected(
+        MediaError::own(MediaError::Code::sourceChanged, name + " was replaced or changed since it was opened"));
+  return {};
+}
 
 RationalTime MediaAsset::duration() const { return m_video ? m_video->duration : RationalTime::zero(); }
 

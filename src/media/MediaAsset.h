@@ -28,6 +28,20 @@ struct ColourDescription {
   friend bool operator==(const ColourDescription&, const ColourDescription&) = default;
 };
 
+// Which file a path named when it was examined, and its size and modification time then. A file
+// replaced under the same name has another inode; one rewritten in place, another size or time.
+struct FileIdentity {
+  std::uint64_t device = 0;
+  std::uint64_t inode = 0;
+  std::int64_t size = 0;
+  std::int64_t modifiedSeconds = 0;
+  std::int64_t modifiedNanoseconds = 0;
+
+  // The file at `path` now (symbolic links followed); none when it cannot be examined.
+  static std::optional<FileIdentity> of(const std::filesystem::path& path);
+  friend bool operator==(const FileIdentity&, const FileIdentity&) = default;
+};
+
 // The video track of an asset: the first decodable video stream that is not an attached picture.
 struct VideoTrack {
   int streamIndex = -1;
@@ -79,11 +93,20 @@ class MediaAsset {
   static std::expected<std::shared_ptr<const MediaAsset>, MediaError> open(const std::filesystem::path& path,
                                                                            std::stop_token stop = {});
 
-  MediaAsset(std::filesystem::path path, std::optional<VideoTrack> video, std::optional<AudioTrack> audio);
+  // `identity` is the probed file's; an asset without one trusts whatever is at the path.
+  MediaAsset(std::filesystem::path path, std::optional<VideoTrack> video, std::optional<AudioTrack> audio,
+             std::optional<FileIdentity> identity = std::nullopt);
 
   const std::filesystem::path& path() const { return m_path; }
   const std::optional<VideoTrack>& video() const { return m_video; }
   const std::optional<AudioTrack>& audio() const { return m_audio; }
+  const std::optional<FileIdentity>& identity() const { return m_identity; }
+
+  // Whether path() still names the file that was probed, unchanged. Every reader that opens the
+  // path again checks this, so that the stream layout and timing probed here are never applied
+  // to another file. Fails with sourceMissing when nothing is there any more, sourceChanged when
+  // another file or other content is.
+  std::expected<void, MediaError> checkUnchanged() const;
 
   // The video track's exact duration; zero without video.
   RationalTime duration() const;
@@ -105,6 +128,7 @@ class MediaAsset {
   std::filesystem::path m_path;
   std::optional<VideoTrack> m_video;
   std::optional<AudioTrack> m_audio;
+  std::optional<FileIdentity> m_identity;
 };
 
 }  // namespace vantrix

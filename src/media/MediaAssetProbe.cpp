@@ -239,6 +239,8 @@ std::expected<std::shared_ptr<const MediaAsset>, MediaError> MediaAsset::open(co
   const std::string name = path.filename().string();
   auto input = MediaInput::open(path, std::move(stop));
   if (!input) return std::unexpected(input.error());
+  // Taken once the file is open, so it describes the file whose streams are probed below.
+  const std::optional<FileIdentity> identity = FileIdentity::of(path);
   AVFormatContext* ctx = input->context();
 
   std::optional<AudioTrack> audio;
@@ -256,7 +258,7 @@ std::expected<std::shared_ptr<const MediaAsset>, MediaError> MediaAsset::open(co
       video = describeVideo(ctx, st, v, *span);
     }
   }
-  return std::make_shared<const MediaAsset>(path, std::move(video), std::move(audio));
+  return std::make_shared<const MediaAsset>(path, std::move(video), std::move(audio), identity);
 }
 
 }  // namespace vantrix

@@ -27,6 +27,8 @@ std::string_view codeName(MediaError::Code code) {
       return "export unavailable";
     case MediaError::Code::sourceMissing:
       return "source missing";
+    case MediaError::Code::sourceChanged:
+      return "source changed";
   }
   return "unknown";
 }

@@ -24,6 +24,7 @@ class MediaError {
     internal,           // an FFmpeg call failed in a way the caller cannot act on
     exportUnavailable,  // no encoder or muxer could be set up for an export
     sourceMissing,      // the source file disappeared while it was being read
+    sourceChanged,      // another file, or other content, is now at the source's path
   };
 
   // `errnoValue` is a positive errno (ENOSPC); `averror` a negative AVERROR (AVERROR(ENOSPC),

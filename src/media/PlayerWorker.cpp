@@ -199,7 +199,12 @@ void PlayerWorker::produceVideo() {
     if (!next) return fail(next.error());
     frame = std::move(*next);
   }
-  if (!frame) return finish();
+  if (!frame) {
+    // A file cut short under the reader that holds it open reads as an early end: that is a
+    // failure to report, not the end of the video.
+    if (auto same = m_item->asset()->checkUnchanged(); !same) return fail(same.error());
+    return finish();
+  }
   m_videoAt = frame->outputTime;
   const CompositionEdit* edit = m_item->videoEditAt(frame->outputTime);
   if (m_catchUpAllowed && edit != nullptr && edit->speed && m_playhead->running() && lead(frame->outputTime) < kCatchUpLead)

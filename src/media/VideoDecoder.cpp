@@ -10,6 +10,7 @@ std::expected<VideoDecoder, MediaError> VideoDecoder::open(std::shared_ptr<const
   if (!asset->video()) return std::unexpected(MediaError::own(MediaError::Code::noUsableVideo, "Decoding " + name));
   auto input = MediaInput::open(asset->path(), std::move(stop));
   if (!input) return std::unexpected(input.error());
+  if (auto same = asset->checkUnchanged(); !same) return std::unexpected(same.error());
 
   const VideoTrack& track = *asset->video();
   AVFormatContext* ctx = input->context();
