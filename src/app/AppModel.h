@@ -257,6 +257,10 @@ class AppModel : public QObject {
   std::optional<Player::ObserverToken> m_timeObserver;
   std::weak_ptr<Player> m_observedPlayer;
   std::optional<std::vector<std::uint8_t>> m_currentVideoBookmark;
+  // The open video's file as it was when its session was looked up. Sessions are saved only while
+  // the file still matches it, so that edits are never recorded for a file replaced or rewritten
+  // since (the next open of that file would take them as its own).
+  std::optional<FileFingerprint> m_openedFingerprint;
   std::optional<PendingRegion> m_pendingRegion;
 
   // Where a failed open returns to: the video that was open when the first of a run of opens

@@ -134,7 +134,13 @@ void AppModel::saveSession() const {
   if (!m_timeline || !m_currentVideoBookmark || !m_phase.isEditing()) return;
   const QString path = QFile::decodeName(QByteArray(m_phase.video->path.c_str()));
   // No fingerprint (the file cannot be examined): nothing is written, and the edit stands.
-  if (auto session = makeSession(*m_currentVideoBookmark, path, *m_timeline)) m_store.save(*session);
+  auto session = makeSession(*m_currentVideoBookmark, path, *m_timeline);
+  if (!session) return;
+  if (FileFingerprint{session->fileSize, session->modificationDate} != m_openedFingerprint) {
+    qCInfo(lcApp, "Session save skipped: the video changed on disk since it was opened.");
+    return;
+  }
+  m_store.save(*session);
 }
 
 }  // namespace vantrix

@@ -75,6 +75,7 @@ void AppModel::applyLoadedVideo(LoadedVideo video) {
   setDuration(duration);
 
   m_currentVideoBookmark = m_services.makeBookmark ? m_services.makeBookmark(path) : std::nullopt;
+  m_openedFingerprint = SessionStore::fingerprint(path);
   setTimeline(RationalTime::zero() < duration ? std::optional(makeTimeline(path, duration)) : std::nullopt);
   setSelectedSegmentId(std::nullopt);
   setPendingRegion(std::nullopt);
