@@ -59,7 +59,7 @@ std::optional<std::int64_t> MediaAsset::sampleIndexForTimestamp(std::int64_t tim
   constexpr double kReachSeconds = 3600;
   if (timeBase.num <= 0 || timeBase.den <= 0 || rate <= 0) return std::nullopt;
   // A coarse look first: past it every product below stays far inside 128 bits, since the
-  // probe admits only spans and origins of at most 2^62 ticks at the common timescale.
+  // probe admits only videos whose times lie within 2^62 / (90000 x 16) ticks of their timescale.
   const RationalTime o = origin();
   const double seconds = static_cast<double>(timestamp) * timeBase.num / timeBase.den - o.seconds();
   if (!(seconds >= -kReachSeconds && seconds <= duration().seconds() + kReachSeconds)) return std::nullopt;

@@ -13,7 +13,6 @@ extern "C" {
 #include <algorithm>
 #include <cstring>
 #include <limits>
-#include <numeric>
 
 namespace vantrix {
 namespace {
@@ -183,18 +182,18 @@ std::int64_t presentationEnd(const AVStream* st, const Span& span) {
 }
 
 // Whether times between `first` and `end` (stream ticks) stay within reach of the editor's exact
-// arithmetic. Source times keep the track's timescale and meet the standard timescale and the
-// speed factors in sums, comparisons and conversions, so each such time, taken to the common
-// timescale lcm(den, 90000) x 16, must fit in half the 64-bit range (a sum of two still fits).
-// Real files are far inside: at 1/90000 this allows 3e12 seconds, at 1/15360 1e11. Only a crafted
-// file or a damaged header gets near: timestamps of 2^60 ticks, or a timescale with a large prime
-// factor (1/2147483647) together with a length beyond about 25 minutes.
+// arithmetic. A source time keeps the track's timescale, is divided by speed factors up to 16
+// (which multiplies the timescale) and is converted to the player's 90000 and the sound's 48000
+// ticks per second, which multiplies its value by the new timescale. So each such value times
+// 90000 x 16 must fit in half the 64-bit range, leaving room for a sum of two. That also covers
+// sums with 90000-based times: their common timescale lcm(den, 90000) is at most 90000 times the
+// track's own. Real files are far inside: at 1/90000 this allows a year, at 1/600 170 years. Only a
+// crafted file or a damaged header gets near: timestamps of 2^42 ticks, or a timescale near 2^31
+// together with a length beyond 25 minutes.
 bool timingFits(std::int64_t first, std::int64_t end, AVRational timeBase) {
   using timemath::Wide;
   if (!valid(timeBase)) return false;
-  const Wide perTick = Wide{timeBase.num} * (RationalTime::kStandardTimescale /
-                                             std::gcd(std::int64_t{timeBase.den}, RationalTime::kStandardTimescale)) *
-                       multiplier(Speed::x16);
+  const Wide perTick = Wide{timeBase.num} * RationalTime::kStandardTimescale * multiplier(Speed::x16);
   const Wide limit = Wide{1} << 62;
   const auto fits = [&](std::int64_t ticks) { return (ticks < 0 ? -Wide{ticks} : Wide{ticks}) <= limit / perTick; };
   return fits(first) && fits(end);

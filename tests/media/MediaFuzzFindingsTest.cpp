@@ -41,6 +41,9 @@ const std::map<std::string, bool> kFindings = {
     // Matroska whose video starts 2e14 s in and whose sound starts at 0: the sound's sample
     // index overflowed, as would any time of that video converted for the player.
     {"video-starting-2e14-seconds-in.mp4", true},
+    // Found by the fuzzer: a damaged MPEG-4 file at 1/1200000 s whose frames spread over 2.5
+    // years. Half its duration, taken to 48 kHz for a seek, overflowed 64 bits.
+    {"years-long-video-at-1-1200000-overflows-the-sound-position.mp4", true},
 };
 
 TEST(MediaFuzzFindings, EveryPastFindingKeepsThePromisesAndEndsAsRecorded) {
