@@ -257,10 +257,11 @@ class AppModel : public QObject {
   std::optional<Player::ObserverToken> m_timeObserver;
   std::weak_ptr<Player> m_observedPlayer;
   std::optional<std::vector<std::uint8_t>> m_currentVideoBookmark;
-  // The open video's file as it was when its session was looked up. Sessions are saved only while
-  // the file still matches it, so that edits are never recorded for a file replaced or rewritten
-  // since (the next open of that file would take them as its own).
-  std::optional<FileFingerprint> m_openedFingerprint;
+  // The size of the open video's file when its session was looked up. Sessions are saved only
+  // while the file still has it, so that edits are never recorded for a file cut short or replaced
+  // by another video since (the next open would take them as its own). A file only touched keeps
+  // its size, and its session is saved with the new date as before.
+  std::optional<std::int64_t> m_openedFileSize;
   std::optional<PendingRegion> m_pendingRegion;
 
   // Where a failed open returns to: the video that was open when the first of a run of opens

@@ -136,7 +136,7 @@ void AppModel::saveSession() const {
   // No fingerprint (the file cannot be examined): nothing is written, and the edit stands.
   auto session = makeSession(*m_currentVideoBookmark, path, *m_timeline);
   if (!session) return;
-  if (FileFingerprint{session->fileSize, session->modificationDate} != m_openedFingerprint) {
+  if (session->fileSize != m_openedFileSize) {
     qCInfo(lcApp, "Session save skipped: the video changed on disk since it was opened.");
     return;
   }

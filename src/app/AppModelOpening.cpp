@@ -75,7 +75,8 @@ void AppModel::applyLoadedVideo(LoadedVideo video) {
   setDuration(duration);
 
   m_currentVideoBookmark = m_services.makeBookmark ? m_services.makeBookmark(path) : std::nullopt;
-  m_openedFingerprint = SessionStore::fingerprint(path);
+  const auto fingerprint = SessionStore::fingerprint(path);
+  m_openedFileSize = fingerprint ? std::optional(fingerprint->size) : std::nullopt;
   setTimeline(RationalTime::zero() < duration ? std::optional(makeTimeline(path, duration)) : std::nullopt);
   setSelectedSegmentId(std::nullopt);
   setPendingRegion(std::nullopt);
