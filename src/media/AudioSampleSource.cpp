@@ -58,7 +58,7 @@ std::expected<std::unique_ptr<AudioSampleSource>, MediaError> AudioSampleSource:
 
 std::expected<void, MediaError> AudioSampleSource::read(std::int64_t index, int count, float* const* planes, int offset) {
   const auto bufferEnd = [&] { return m_bufferStart + static_cast<std::int64_t>(m_buffer[0].size()); };
-  const bool behind = m_anchored && index < m_bufferStart;
+  const bool behind = m_anchored && index < m_silentFrom;
   // Far ahead of what is decoded: seeking beats decoding the way there (unless the sound ended).
   const bool farAhead = m_anchored && !m_ended && index > bufferEnd() + m_rate;
   if (!m_anchored && !m_ended) {
@@ -66,19 +66,23 @@ std::expected<void, MediaError> AudioSampleSource::read(std::int64_t index, int 
   } else if (behind || farAhead) {
     if (auto ok = restartAt(index); !ok) return ok;
   }
+  for (std::size_t c = 0; c < m_buffer.size(); ++c) std::fill_n(planes[c] + offset, count, 0.0f);
+  // What the buffer holds of the request is copied out before each decoding step: a long gap
+  // moves the buffer past it (see append).
+  const auto copyOut = [&] {
+    if (!m_anchored) return;
+    const std::int64_t from = std::max(index, m_bufferStart);
+    const std::int64_t to = std::min(index + count, bufferEnd());
+    for (std::size_t c = 0; c < m_buffer.size(); ++c)
+      for (std::int64_t at = from; at < to; ++at)
+        planes[c][offset + (at - index)] = m_buffer[c][static_cast<std::size_t>(at - m_bufferStart)];
+  };
   while (!m_ended && (!m_anchored || bufferEnd() < index + count)) {
+    copyOut();
     auto more = decodeMore();
     if (!more) return std::unexpected(more.error());
   }
-  for (std::size_t c = 0; c < m_buffer.size(); ++c) {
-    float* out = planes[c] + offset;
-    for (int i = 0; i < count; ++i) {
-      const std::int64_t at = index + i - m_bufferStart;
-      out[i] = m_anchored && at >= 0 && at < static_cast<std::int64_t>(m_buffer[c].size())
-                   ? m_buffer[c][static_cast<std::size_t>(at)]
-                   : 0.0f;
-    }
-  }
+  copyOut();
   dropBefore(index);
   return {};
 }
@@ -88,6 +92,7 @@ void AudioSampleSource::dropBefore(std::int64_t index) {
   const auto n = static_cast<std::size_t>(std::min<std::int64_t>(index - m_bufferStart, static_cast<std::int64_t>(m_buffer[0].size())));
   for (auto& channel : m_buffer) channel.erase(channel.begin(), channel.begin() + static_cast<std::ptrdiff_t>(n));
   m_bufferStart += static_cast<std::int64_t>(n);
+  m_silentFrom = m_bufferStart;
 }
 
 std::expected<void, MediaError> AudioSampleSource::restartAt(std::int64_t index) {
@@ -189,7 +194,15 @@ std::expected<void, MediaError> AudioSampleSource::append(const AVFrame* frame) 
   int skip = 0;
   if (!m_anchored) {
     m_bufferStart = start;
+    m_silentFrom = start;
     m_anchored = true;
+  } else if (start > bufferEnd + m_rate) {
+    // A gap longer than a second (a pause in the recording, or a damaged timestamp) is not filled
+    // in: hours of silence would take gigabytes. The buffer starts again at this frame, and reads
+    // in between are silent without decoding.
+    for (auto& channel : m_buffer) channel.clear();
+    m_silentFrom = bufferEnd;
+    m_bufferStart = start;
   } else if (start > bufferEnd + m_rate / kDiscontinuityDivisor) {
     for (auto& channel : m_buffer) channel.insert(channel.end(), static_cast<std::size_t>(start - bufferEnd), 0.0f);
   } else if (start < bufferEnd - m_rate / kDiscontinuityDivisor) {

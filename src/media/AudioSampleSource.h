@@ -61,6 +61,8 @@ class AudioSampleSource {
   // Buffered samples [m_bufferStart, m_bufferStart + m_buffer[0].size()), one deque per channel.
   std::vector<std::deque<float>> m_buffer;
   std::int64_t m_bufferStart = 0;
+  // [m_silentFrom, m_bufferStart) is a long gap in the sound, silent without decoding.
+  std::int64_t m_silentFrom = 0;
   bool m_anchored = false;  // whether m_bufferStart was set from a decoded timestamp since the restart
   bool m_ended = false;
   std::vector<float> m_scratch;
