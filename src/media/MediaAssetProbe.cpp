@@ -13,6 +13,7 @@ extern "C" {
 #include <algorithm>
 #include <cstring>
 #include <limits>
+#include <numeric>
 
 namespace vantrix {
 namespace {
@@ -182,18 +183,21 @@ std::int64_t presentationEnd(const AVStream* st, const Span& span) {
 }
 
 // Whether times between `first` and `end` (stream ticks) stay within reach of the editor's exact
-// arithmetic. A source time keeps the track's timescale, is divided by speed factors up to 16
-// (which multiplies the timescale) and is converted to the player's 90000 and the sound's 48000
-// ticks per second, which multiplies its value by the new timescale. So each such value times
-// 90000 x 16 must fit in half the 64-bit range, leaving room for a sum of two. That also covers
-// sums with 90000-based times: their common timescale lcm(den, 90000) is at most 90000 times the
-// track's own. Real files are far inside: at 1/90000 this allows a year, at 1/600 170 years. Only a
-// crafted file or a damaged header gets near: timestamps of 2^42 ticks, or a timescale near 2^31
-// together with a length beyond 25 minutes.
+// arithmetic. A source time keeps the track's timescale; dividing it by a speed factor (up to 16)
+// multiplies the timescale, and mixing it with the player's 90000-based times takes it to their
+// least common multiple. That largest timescale, lcm(16 x den, 90000), must stay a 32-bit media
+// timescale before the mixing (else it is rounded to 2^31 - 1, a prime, and the multiples explode),
+// and every time at it must convert to 90000 ticks (or the sound's 48000) with room for a sum of
+// two in 64 bits. Real files are far inside: at 1/600, 1/30000 or 1/90000 a video may last a year,
+// at 1/10000000 ten hours. Only a crafted file or a damaged header gets near: frames years apart,
+// or a timescale of more than 134217727 ticks per second.
 bool timingFits(std::int64_t first, std::int64_t end, AVRational timeBase) {
   using timemath::Wide;
-  if (!valid(timeBase)) return false;
-  const Wide perTick = Wide{timeBase.num} * RationalTime::kStandardTimescale * multiplier(Speed::x16);
+  constexpr std::int64_t kSlowest = multiplier(Speed::x16);
+  constexpr std::int64_t kPlayer = RationalTime::kStandardTimescale;
+  if (!valid(timeBase) || timeBase.den > std::numeric_limits<std::int32_t>::max() / kSlowest) return false;
+  const std::int64_t common = std::lcm(kSlowest * timeBase.den, kPlayer);
+  const Wide perTick = Wide{timeBase.num} * (common / timeBase.den) * kPlayer;
   const Wide limit = Wide{1} << 62;
   const auto fits = [&](std::int64_t ticks) { return (ticks < 0 ? -Wide{ticks} : Wide{ticks}) <= limit / perTick; };
   return fits(first) && fits(end);

@@ -49,6 +49,10 @@ const std::map<std::string, bool> kFindings = {
     // Matroska whose sound pauses for four hours: the player filled the pause with 2.7 GB of
     // silence. Only a second of a gap is filled now; longer ones are silent without memory.
     {"four-hour-gap-in-the-sound.mp4", false},
+    // Found by the fuzzer: half a second of QuickTime at 1/671285248 s. With a stretch at x4 its
+    // times went past 32-bit timescales, were rounded to the prime 2^31 - 1, and the sound
+    // position of a seek overflowed.
+    {"timescale-671285248-with-a-sped-up-stretch.mp4", true},
 };
 
 TEST(MediaFuzzFindings, EveryPastFindingKeepsThePromisesAndEndsAsRecorded) {
