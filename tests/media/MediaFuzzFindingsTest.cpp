@@ -53,6 +53,11 @@ const std::map<std::string, bool> kFindings = {
     // times went past 32-bit timescales, were rounded to the prime 2^31 - 1, and the sound
     // position of a seek overflowed.
     {"timescale-671285248-with-a-sped-up-stretch.mp4", true},
+    // Found by the fuzzer: a mangled Matroska file with MPEG-4 video, on which AddressSanitizer
+    // found its heap bookkeeping overwritten while libavcodec closed a probing decoder. It did not
+    // recur with this input alone (the write came from FFmpeg, which is not instrumented, maybe
+    // for an earlier input); kept so that every run of the tests tries it again.
+    {"heap-corrupted-inside-libavcodec-while-probing.mp4", false},
 };
 
 TEST(MediaFuzzFindings, EveryPastFindingKeepsThePromisesAndEndsAsRecorded) {
