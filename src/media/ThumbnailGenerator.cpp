@@ -65,6 +65,7 @@ ThumbnailGenerator::Summary ThumbnailGenerator::generate(std::span<const Rationa
   if (times.empty() || stop.stop_requested() || !m_asset->video()) return summary;
   auto decoder = VideoDecoder::open(m_asset, stop, decoderThreads());
   if (!decoder) return summary;
+  decoder->skipDeblocking();  // invisible at filmstrip sizes
 
   const VideoTrack& track = *m_asset->video();
   const std::int64_t tolerance = ticks(kTolerance, track.timeBase);
