@@ -216,6 +216,8 @@ void PlayerWorker::enterCatchUp(const CompositionEdit& edit, RationalTime from) 
   if (!m_sampler) {
     auto sampler = CatchUpSampler::open(m_item->asset(), m_stop, m_decoderThreads);
     if (!sampler) {
+      // A newer request stopped the open: not a failure, and that request is waiting.
+      if (sampler.error().is(MediaError::Code::cancelled)) return;
       // Exact decoding goes on, late; nothing is lost but smoothness.
       qCCritical(lcMedia, "Cannot sample pictures to keep up: %s", sampler.error().description().c_str());
       return;
