@@ -73,11 +73,12 @@ run:
 clean:
 	rm -rf $(BUILD) $(ASAN_BUILD) $(FUZZ_BUILD)
 
-# The player's tests under ThreadSanitizer (decode, audio and GUI threads meet there).
+# The player's tests and the long editing session under ThreadSanitizer (decode, audio, the app
+# model's workers and the GUI thread meet there).
 TSAN_BUILD ?= build-tsan
 .PHONY: tsan
 tsan: deps
 	cmake -S . -B $(TSAN_BUILD) -G Ninja -DCMAKE_BUILD_TYPE=RelWithDebInfo -DVANTRIX_BUILD_BENCH=OFF \
 	  -DVANTRIX_SANITIZE=thread $(CMAKE_ARGS)
-	cmake --build $(TSAN_BUILD) -j $(JOBS) --target player_tests
-	cd $(TSAN_BUILD) && TSAN_OPTIONS="halt_on_error=1 second_deadlock_stack=1 suppressions=$(CURDIR)/tests/media/tsan.supp" ctest --output-on-failure -R '^(PlayerTest|PlayerSwapTest|States/|Cases/AudioRing|AudioRing|Playhead)' -j $(JOBS)
+	cmake --build $(TSAN_BUILD) -j $(JOBS) --target player_tests app_stress_tests
+	cd $(TSAN_BUILD) && TSAN_OPTIONS="halt_on_error=1 second_deadlock_stack=1 suppressions=$(CURDIR)/tests/media/tsan.supp" ctest --output-on-failure -R '^(PlayerTest|PlayerSwapTest|States/|Cases/AudioRing|AudioRing|Playhead|StressTest\.)' -j $(JOBS)

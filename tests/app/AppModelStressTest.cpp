@@ -26,6 +26,13 @@ using namespace vantrix::testing;
 constexpr int kSteps = 2000;
 constexpr double kStripWidth = 640;
 constexpr int kMaxPauseMs = 12;  // events run for 0 to this many ms after each command
+// Under the sanitizers the resident size is mostly their runtimes' (ASan's quarantine of freed
+// blocks, TSan's shadow), so it is reported there but not checked; LeakSanitizer finds leaks.
+#if defined(__SANITIZE_ADDRESS__) || defined(__SANITIZE_THREAD__)
+constexpr bool kChecksResidentSize = false;
+#else
+constexpr bool kChecksResidentSize = true;
+#endif
 
 // One command, in terms that mean the same on any model holding the same document: segments by
 // their place in the (sorted) segment list, times as resolved when the command was made.
@@ -252,7 +259,9 @@ TEST_F(StressTest, LongEditingSessionWhilePlayingMatchesAQuietReplay) {
       static_cast<unsigned long long>(seed), kSteps, refused, installs,
       static_cast<long long>(model->player()->statistics().framesPresented), model->timeline()->segments().size(),
       midpointPages * pageKb, endPages * pageKb);
-  EXPECT_LT(endPages, midpointPages * 11 / 10) << "resident memory grew by 10 % or more over the second half";
+  if (kChecksResidentSize) {
+    EXPECT_LT(endPages, midpointPages * 11 / 10) << "resident memory grew by 10 % or more over the second half";
+  }
 }
 
 }  // namespace
