@@ -19,8 +19,13 @@ std::expected<MediaInput, MediaError> MediaInput::open(const std::filesystem::pa
   AVFormatContext* raw = avformat_alloc_context();
   if (raw == nullptr) return std::unexpected(MediaError::ffmpeg(AVERROR(ENOMEM), "Allocating a demuxer for " + name));
   raw->interrupt_callback = {&MediaInput::interrupted, input.m_stop.get()};
+  // Only the QuickTime / MPEG-4 file format is read, whatever else the content looks like: the
+  // editor opens .mov, .mp4 and .m4v files, and a Matroska or transport stream file under such a
+  // name would otherwise reach demuxers and decoders nobody meant to offer (where fuzzed files
+  // have shown heap damage inside FFmpeg).
+  static const AVInputFormat* const quickTime = av_find_input_format("mov");
   // On failure avformat_open_input frees the context and nulls the pointer.
-  if (const int r = avformat_open_input(&raw, path.c_str(), nullptr, nullptr); r < 0)
+  if (const int r = avformat_open_input(&raw, path.c_str(), quickTime, nullptr); r < 0)
     return std::unexpected(mediaCallFailed(r, input.stopRequested(), "Opening " + name));
   input.m_context.reset(raw);
 
