@@ -39,18 +39,19 @@ constexpr double kSameExportedFrame = 1;
 constexpr double kSameThumbnail = 10;
 
 struct Frame {
-  RationalTime time;      // presentation timestamp, exact
-  RationalTime duration;  // packet duration
-  QImage grey;            // kSide x kSide, Format_Grayscale8
+  RationalTime time;  // presentation timestamp, exact
+  QImage grey;        // kSide x kSide, Format_Grayscale8
 };
 
 RationalTime ticks(std::int64_t value, AVRational timeBase) { return {value * timeBase.num, timeBase.den}; }
 
-// Every frame of the first video stream, downscaled by averaging to kSide x kSide grey.
-std::vector<Frame> decodeSmall(const fs::path& file) {
+// Every frame of the first video stream, downscaled by averaging to kSide x kSide grey; `end`
+// receives the stream's declared end (MP4 packet durations are not to be trusted with B-frames).
+std::vector<Frame> decodeSmall(const fs::path& file, RationalTime* end = nullptr) {
   std::vector<Frame> frames;
   auto opened = openFirstStream(file, AVMEDIA_TYPE_VIDEO);
   if (!opened) return frames;
+  if (end) *end = ticks(opened->stream->start_time + opened->stream->duration, opened->stream->time_base);
   SwsPtr scaler;
   decodeAll(*opened, [&](const AVFrame& f) {
     auto format = static_cast<AVPixelFormat>(f.format);
@@ -67,8 +68,7 @@ std::vector<Frame> decodeSmall(const fs::path& file) {
     uint8_t* planes[4] = {grey.bits()};
     const int strides[4] = {static_cast<int>(grey.bytesPerLine())};
     sws_scale(scaler.get(), f.data, f.linesize, 0, f.height, planes, strides);
-    frames.push_back({ticks(f.best_effort_timestamp, opened->stream->time_base),
-                      ticks(f.pkt_duration, opened->stream->time_base), grey});
+    frames.push_back({ticks(f.best_effort_timestamp, opened->stream->time_base), grey});
   });
   return frames;
 }
@@ -213,6 +213,8 @@ TEST_F(RealWorldTest, EachFilePlaysEveryFrameToItsEnd) {
     SCOPED_TRACE(video.path);
     const auto source = decodeSmall(video.path);
     auto clock = std::make_shared<ManualClock>();
+    // Exact pictures only: the clock moves on as soon as each picture shows, so the decoder is never
+    // ahead of it, and catch-up sampling would rightly take over in the sped-up stretch.
     ASSERT_TRUE(video.attachPlayer({clock, std::make_unique<NullAudioOutput>(), 0, false}));
     video.player->setVideoSize({kSide, kSide});
     playsEveryChangeToTheEnd(*video.player, *clock, source);
@@ -270,12 +272,13 @@ TEST_F(RealWorldTest, EachFileExportsATrimWithA4xRegion) {
     const auto result = Exporter::exportComposition(composition, out, {}, {});
     ASSERT_EQ(result, Exporter::Outcome::finished) << (result ? "" : result.error().description());
 
-    const auto frames = decodeSmall(out);
+    RationalTime end;
+    const auto frames = decodeSmall(out, &end);
     ASSERT_FALSE(frames.empty());
     const RationalTime origin = frames.front().time;
     const VideoTrack& track = *video.asset->video();
     const RationalTime oneFrame(track.frameRate.den, track.frameRate.num);
-    const RationalTime span = frames.back().time + frames.back().duration - origin;
+    const RationalTime span = end - origin;
     EXPECT_LE(span, composition->duration() + oneFrame) << span.toString();
     EXPECT_GE(span, composition->duration() - oneFrame) << span.toString();
     // An output time is known to half a tick of the file's clock: either end of that span will do.
