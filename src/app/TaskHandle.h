@@ -1,11 +1,16 @@
 #pragma once
 
 #include <QPointer>
-#include <QThreadPool>
 
+#include <condition_variable>
+#include <cstddef>
+#include <deque>
 #include <functional>
+#include <mutex>
 #include <stop_token>
+#include <thread>
 #include <utility>
+#include <vector>
 
 namespace vantrix {
 
@@ -24,7 +29,11 @@ class TaskHandle {
 
 // The worker threads of one model. Its destructor (or waitForDone) blocks until every task has
 // returned, so no task outlives the model that started it; tasks that honour their token return
-// promptly once cancelled.
+// promptly once cancelled. Threads are made as tasks need them, up to a few, and kept until the
+// runner goes. The queue is guarded by standard locks rather than Qt's thread pool, so that
+// ThreadSanitizer sees every hand-off to a worker (Qt's own locks are invisible to it).
+//
+// start() and waitForDone() are for the owner's thread.
 class TaskRunner {
  public:
   TaskRunner();
@@ -37,7 +46,17 @@ class TaskRunner {
   void waitForDone();
 
  private:
-  QThreadPool m_pool;
+  void serve();
+
+  const std::size_t m_maxThreads;
+  std::mutex m_mutex;
+  std::condition_variable m_queued;  // a task was queued, or the runner is closing
+  std::condition_variable m_idle;    // the queue is empty and no task runs
+  std::deque<std::function<void()>> m_queue;
+  std::vector<std::thread> m_threads;
+  std::size_t m_waiting = 0;  // threads waiting for a task
+  std::size_t m_running = 0;  // tasks taken and not yet returned
+  bool m_closing = false;
 };
 
 // Hands `fn` to `target`'s thread (the GUI thread for the model) and runs it there as fn(*target)
