@@ -11,6 +11,8 @@
 
 #include <gtest/gtest.h>
 
+#include <QCoreApplication>
+
 #include <algorithm>
 #include <cmath>
 #include <filesystem>
@@ -24,6 +26,15 @@ inline void PrintTo(const AppError& e, std::ostream* os) { *os << toString(e.kin
 }  // namespace vantrix
 
 namespace vantrix::testing {
+
+// The player reports through the event loop of the thread that made it; suites that play create
+// the application object once, in SetUpTestSuite.
+inline void ensureCoreApplication() {
+  static int argc = 1;
+  static char name[] = "media_tests";
+  static char* argv[] = {name, nullptr};
+  if (!QCoreApplication::instance()) new QCoreApplication(argc, argv);
+}
 
 // Times in milliseconds keep the tables short: ms(2500) is 2.5 s.
 inline RationalTime ms(std::int64_t v) { return {v, 1000}; }

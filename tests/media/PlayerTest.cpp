@@ -85,13 +85,7 @@ int heardSecond(std::span<const float> samples) {
 
 class PlayerTest : public ::testing::Test {
  protected:
-  // The editing thread of these tests: the player needs an event loop to deliver its reports.
-  static void SetUpTestSuite() {
-    static int argc = 1;
-    static char name[] = "player_tests";
-    static char* argv[] = {name, nullptr};
-    if (!QCoreApplication::instance()) new QCoreApplication(argc, argv);
-  }
+  static void SetUpTestSuite() { ensureCoreApplication(); }
 
   // 8 s, 30 fps, stereo, every speed with normal stretches between (each sped-up stretch ends on
   // the frame grid).

@@ -185,13 +185,7 @@ void playsEveryChangeToTheEnd(Player& player, ManualClock& clock, const std::vec
 
 class RealWorldTest : public ::testing::Test {
  protected:
-  // The player reports through the event loop.
-  static void SetUpTestSuite() {
-    static int argc = 1;
-    static char name[] = "media_tests";
-    static char* argv[] = {name, nullptr};
-    if (!QCoreApplication::instance()) new QCoreApplication(argc, argv);
-  }
+  static void SetUpTestSuite() { ensureCoreApplication(); }
 
   void SetUp() override {
     if (!haveRealWorld()) GTEST_SKIP() << "no real-world media folder";
