@@ -76,7 +76,8 @@ std::expected<Mp4Writer, MediaError> Mp4Writer::create(const std::filesystem::pa
     return std::unexpected(unavailable(w.failure(rc, "Preparing the MP4 muxer for")));
   w.m_output.reset(raw);
   w.m_packet = makePacket();
-  if (!w.m_packet) return std::unexpected(w.failure(AVERROR(ENOMEM), "Allocating a packet for"));
+  w.m_heldVideo = makePacket();
+  if (!w.m_packet || !w.m_heldVideo) return std::unexpected(w.failure(AVERROR(ENOMEM), "Allocating a packet for"));
 
   if (auto ok = w.openVideo(video); !ok) return std::unexpected(unavailable(ok.error()));
   if (audioLayout != nullptr)
@@ -220,17 +221,33 @@ std::expected<FramePtr, MediaError> Mp4Writer::convert(const AVFrame& picture) {
   return out;
 }
 
-std::expected<void, MediaError> Mp4Writer::drainVideo() {
+std::expected<void, MediaError> Mp4Writer::drainVideo(bool last) {
   AVCodecContext* c = m_videoCodec.get();
   for (;;) {
     const int rc = avcodec_receive_packet(c, m_packet.get());
-    if (rc == AVERROR(EAGAIN) || rc == AVERROR_EOF) return {};
-    if (rc < 0) return std::unexpected(failure(rc, "Encoding the video of"));
+    if (rc == AVERROR(EAGAIN) || (rc == AVERROR_EOF && !last)) return {};
+    if (rc < 0 && rc != AVERROR_EOF) return std::unexpected(failure(rc, "Encoding the video of"));
+    if (rc == AVERROR_EOF) {
+      if (m_heldVideo->data == nullptr) return {};
+      // The track's length is where its last sample in decoding order ends, counted from the
+      // first sample's decoding time, and the muxer shows it from the first picture on. With
+      // reordered pictures of unequal lengths that sample can start well before the last picture
+      // is shown, so it is stretched until the length reaches the end of the last picture:
+      // readers that trust the track length then see the whole video, no more.
+      m_heldVideo->duration = std::max(m_heldVideo->duration, m_videoEnd - *m_videoDelay - m_heldVideo->dts);
+      return writePacket(*m_heldVideo, m_videoStream, c->time_base);
+    }
     if (const auto it = m_pendingDurations.find(m_packet->pts); it != m_pendingDurations.end()) {
       m_packet->duration = it->second;
       m_pendingDurations.erase(it);
     }
-    if (auto ok = writePacket(*m_packet, m_videoStream, c->time_base); !ok) return ok;
+    if (!m_videoDelay) m_videoDelay = m_packet->pts - m_packet->dts;
+    m_videoEnd = std::max(m_videoEnd, m_packet->pts + m_packet->duration);
+    // Each packet is written when the next one arrives, so the last can still be lengthened.
+    if (m_heldVideo->data != nullptr) {
+      if (auto ok = writePacket(*m_heldVideo, m_videoStream, c->time_base); !ok) return ok;
+    }
+    av_packet_move_ref(m_heldVideo.get(), m_packet.get());
   }
 }
 
@@ -302,7 +319,7 @@ std::expected<void, MediaError> Mp4Writer::writePacket(AVPacket& packet, AVStrea
 std::expected<void, MediaError> Mp4Writer::finish() {
   if (const int rc = avcodec_send_frame(m_videoCodec.get(), nullptr); rc < 0)
     return std::unexpected(failure(rc, "Finishing the video of"));
-  if (auto ok = drainVideo(); !ok) return ok;
+  if (auto ok = drainVideo(true); !ok) return ok;
   if (m_audio) {
     if (auto ok = encodeAudioFrames(true); !ok) return ok;
     if (const int rc = avcodec_send_frame(m_audio->codec.get(), nullptr); rc < 0)

@@ -87,7 +87,8 @@ class Mp4Writer {
   // Pictures the encoder cannot take as they are (other pixel formats, odd sizes) as yuv420p at
   // the encoder's size.
   std::expected<FramePtr, MediaError> convert(const AVFrame& picture);
-  std::expected<void, MediaError> drainVideo();
+  // Writes the packets the encoder has ready; `last` after the encoder was flushed.
+  std::expected<void, MediaError> drainVideo(bool last = false);
   std::expected<void, MediaError> encodeAudioFrames(bool flushing);
   std::expected<void, MediaError> drainAudio();
   std::expected<void, MediaError> writePacket(AVPacket& packet, AVStream* stream, AVRational codecTimeBase);
@@ -101,6 +102,9 @@ class Mp4Writer {
   AVStream* m_videoStream = nullptr;
   SwsContextPtr m_scaler;
   PacketPtr m_packet;
+  PacketPtr m_heldVideo;  // the latest video packet, written when the next comes
+  std::int64_t m_videoEnd = 0;  // where the latest-ending picture so far ends, encoder ticks
+  std::optional<std::int64_t> m_videoDelay;  // the first packet's presentation minus decoding time
   // Durations of the pictures still inside the encoder, by presentation timestamp: the encoder's
   // packets come out in decoding order, and each gets the duration of its own picture.
   std::map<std::int64_t, std::int64_t> m_pendingDurations;

@@ -134,6 +134,8 @@ TEST(Exporter, EveryOutputFrameShowsTheFrameTheRulePredicts) {
     const RationalTime oneFrame{row.source.frameRateDen, row.source.frameRateNum};
     EXPECT_LE(frameSpan(frames), timeline.outputDuration() + oneFrame) << frameSpan(frames).toString();
     EXPECT_GE(frameSpan(frames), timeline.outputDuration() - oneFrame) << frameSpan(frames).toString();
+    // Players that trust the track's declared length see the whole edit, no more.
+    EXPECT_NEAR(probedSeconds(file, "v:0"), timeline.outputDuration().seconds(), 0.001);
 
     const char* channels[] = {"", "channels=1\n", "channels=2\n", "channels=6\n"};  // by AudioLayout
     EXPECT_EQ(probe(file, "a:0", "stream=channels"), channels[static_cast<int>(row.source.audio)]);
