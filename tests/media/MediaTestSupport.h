@@ -12,8 +12,11 @@
 #include <gtest/gtest.h>
 
 #include <QCoreApplication>
+#include <QElapsedTimer>
+#include <QThread>
 
 #include <algorithm>
+#include <chrono>
 #include <cmath>
 #include <filesystem>
 #include <memory>
@@ -34,6 +37,19 @@ inline void ensureCoreApplication() {
   static char name[] = "media_tests";
   static char* argv[] = {name, nullptr};
   if (!QCoreApplication::instance()) new QCoreApplication(argc, argv);
+}
+
+// Runs the event loop until `done` holds; false after `limit` (generous: sanitizer builds are slow).
+template <typename Predicate>
+bool waitFor(Predicate done, std::chrono::milliseconds limit = std::chrono::seconds(20)) {
+  QElapsedTimer timer;
+  timer.start();
+  while (!done()) {
+    if (timer.elapsed() > limit.count()) return false;
+    QCoreApplication::processEvents(QEventLoop::AllEvents, 5);
+    QThread::usleep(200);
+  }
+  return true;
 }
 
 // Times in milliseconds keep the tables short: ms(2500) is 2.5 s.

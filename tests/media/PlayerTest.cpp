@@ -22,18 +22,6 @@ using namespace std::chrono_literals;
 using namespace testing;
 using Status = Player::TimeControlStatus;
 
-// Runs the event loop until `done` holds; false after `limit` (generous: sanitizer builds are slow).
-template <typename Predicate>
-bool waitFor(Predicate done, std::chrono::milliseconds limit = 20s) {
-  QElapsedTimer timer;
-  timer.start();
-  while (!done()) {
-    if (timer.elapsed() > limit.count()) return false;
-    QCoreApplication::processEvents(QEventLoop::AllEvents, 5);
-    QThread::usleep(200);
-  }
-  return true;
-}
 void settle(std::chrono::milliseconds time) {
   waitFor([] { return false; }, time);
 }

@@ -100,17 +100,6 @@ const Frame& frameAt(const std::vector<Frame>& frames, RationalTime t) {
   return it == frames.begin() ? *it : *std::prev(it);
 }
 
-template <typename Predicate>
-bool waitFor(Predicate done, std::chrono::milliseconds limit = 20s) {
-  QElapsedTimer timer;
-  timer.start();
-  while (!done()) {
-    if (timer.elapsed() > limit.count()) return false;
-    QCoreApplication::processEvents(QEventLoop::AllEvents, 5);
-    QThread::usleep(200);
-  }
-  return true;
-}
 
 // The edit every file gets: trimmed to 10 % to 90 % of its length (at most a second, to keep
 // high-definition exports quick) with the middle half at 4x; a trim alone for one-frame files.
