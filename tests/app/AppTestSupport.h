@@ -5,6 +5,8 @@
 
 #include "app/AppModel.h"
 
+#include "AppTestServices.h"
+
 #include "LogCapture.h"
 #include "MediaFixture.h"
 
@@ -24,15 +26,6 @@ namespace vantrix::testing {
 
 inline RationalTime ms(std::int64_t v) { return {v, 1000}; }
 
-// Waits until `done` holds or `timeoutMs` passes, running the GUI thread's events unless told not
-// to; returns `done()`.
-bool waitUntil(const std::function<bool()>& done, int timeoutMs = 10000, bool runEvents = true);
-// Runs the GUI thread's events for a while, for checks that something does NOT happen.
-void runEventsFor(int milliseconds);
-// Waits for a worker thread's `done`, then a little longer for what it posts, without running the
-// GUI thread's events: the posted results stay queued until the test lets them through.
-bool waitHoldingEvents(const std::function<bool()>& done);
-
 // Holds a worker until released; cancellation does not end the wait, as with a slow file system.
 // Bounded, so that a failed test that never releases it still ends.
 class LoadGate {
@@ -44,9 +37,6 @@ class LoadGate {
   std::promise<void> m_promise;
   std::shared_future<void> m_released = m_promise.get_future().share();
 };
-
-// The real services with the real player, on the wall clock, with no sound device.
-AppServices realServices();
 
 class AppModelTest : public ::testing::Test {
  protected:

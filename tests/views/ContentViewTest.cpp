@@ -149,7 +149,7 @@ TEST(ContentViewTest, EachErrorShowsItsTitleAndMessage) {
   };
   for (const Case& c : cases) {
     SCOPED_TRACE(c.name);
-    AppServices services = quietServices();
+    AppServices services = realServices();
     if (c.rig) c.rig(services);
     Editor editor(services);
     if (c.exports) {
@@ -170,7 +170,7 @@ TEST(ContentViewTest, EachErrorShowsItsTitleAndMessage) {
 
 TEST(ContentViewTest, ExportShowsProgressWithCancelAndEndsQuietlyWhenCancelled) {
   Gate reachedHalf, finish;
-  AppServices services = quietServices();
+  AppServices services = realServices();
   services.exportComposition = [&](std::shared_ptr<const Composition>, const fs::path&,
                                    const Exporter::ProgressCallback& progress,
                                    std::stop_token stop) -> std::expected<Exporter::Outcome, AppError> {
@@ -206,7 +206,7 @@ TEST(ContentViewTest, ExportShowsProgressWithCancelAndEndsQuietlyWhenCancelled) 
 }
 
 TEST(ContentViewTest, FinishedExportIsRevealed) {
-  AppServices services = quietServices();
+  AppServices services = realServices();
   services.exportComposition = [](auto&&...) -> std::expected<Exporter::Outcome, AppError> {
     return Exporter::Outcome::finished;
   };
@@ -221,7 +221,7 @@ TEST(ContentViewTest, FinishedExportIsRevealed) {
 
 TEST(ContentViewTest, SlowOpenShowsTheLoadingIndicator) {
   Gate loaded;
-  AppServices services = quietServices();
+  AppServices services = realServices();
   services.loadVideo = [&loaded](const fs::path& path, std::stop_token stop) {
     loaded.wait();
     return LoadedVideo::load(path, stop);

@@ -4,40 +4,17 @@
 
 #include "ViewsTestSupport.h"
 
-#include "media/AudioOutput.h"
 #include "persistence/SessionStore.h"
 #include "views/Motion.h"
 #include "views/SpeedChipsView.h"
 #include "views/TimelineView.h"
 
 #include <QApplication>
-#include <QElapsedTimer>
 #include <QTest>
-#include <QThread>
 
 #include <cmath>
 
 namespace vantrix::testing {
-
-bool waitUntil(const std::function<bool()>& done, int timeoutMs) {
-  QElapsedTimer clock;
-  clock.start();
-  while (!done()) {
-    if (clock.elapsed() > timeoutMs) return false;
-    QCoreApplication::processEvents(QEventLoop::AllEvents, 5);
-    QThread::msleep(1);
-  }
-  return true;
-}
-
-void runEventsFor(int milliseconds) {
-  QElapsedTimer clock;
-  clock.start();
-  while (clock.elapsed() < milliseconds) {
-    QCoreApplication::processEvents(QEventLoop::AllEvents, 5);
-    QThread::msleep(1);
-  }
-}
 
 FixtureSpec clipSpec() {
   FixtureSpec recipe;
@@ -46,16 +23,6 @@ FixtureSpec clipSpec() {
   recipe.height = 120;
   recipe.gopFrames = 15;
   return recipe;
-}
-
-AppServices quietServices() {
-  AppServices services = AppServices::standard();
-  services.playerOptions = [] {
-    Player::Options options;
-    options.audio = std::make_unique<NullAudioOutput>();
-    return options;
-  };
-  return services;
 }
 
 Editor::Editor(AppServices services) {

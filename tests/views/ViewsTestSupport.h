@@ -12,6 +12,7 @@
 #include "views/FileDialogs.h"
 #include "views/MainWindow.h"
 
+#include "AppTestServices.h"
 #include "MediaFixture.h"
 
 #include <gtest/gtest.h>
@@ -31,9 +32,6 @@ class SpeedChipsView;
 }  // namespace vantrix
 
 namespace vantrix::testing {
-
-bool waitUntil(const std::function<bool()>& done, int timeoutMs = 10000);
-void runEventsFor(int milliseconds);
 
 struct RecordedAlert {
   QString title;
@@ -88,14 +86,12 @@ class RecordingRevealer final : public FileRevealer {
 
 // A barcoded 3-second clip, small enough to open in a blink.
 FixtureSpec clipSpec();
-// The real media services with the real player on the wall clock and no sound device.
-AppServices quietServices();
 
 // One editor window with recorders for its dialogs, shown on the offscreen screen at its default
 // size, keeping its sessions in a folder of its own.
 class Editor {
  public:
-  explicit Editor(AppServices services = quietServices());
+  explicit Editor(AppServices services = realServices());
   ~Editor();
 
   MainWindow& window() { return *m_window; }
