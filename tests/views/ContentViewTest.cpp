@@ -9,222 +9,91 @@
 
 #include <QAction>
 #include <QApplication>
-#include <QDragEnterEvent>
 #include <QDropEvent>
-#include <QFile>
 #include <QMimeData>
 #include <QProgressBar>
 #include <QUrl>
 
-#include <condition_variable>
-#include <mutex>
+#include <atomic>
+#include <future>
 
 namespace vantrix::testing {
 namespace {
 
 namespace fs = std::filesystem;
+using namespace std::chrono_literals;
 
 QString qPath(const fs::path& path) { return QString::fromStdString(path.string()); }
 
-fs::path pathOf(const AppModel& model) { return model.phase().video->path; }
-
-// Blocks a worker until the test lets it go (bounded, so a failing test still ends).
-class Gate {
- public:
-  void open() {
-    {
-      std::lock_guard lock(m_mutex);
-      m_open = true;
-    }
-    m_changed.notify_all();
-  }
-  void wait() {
-    std::unique_lock lock(m_mutex);
-    m_changed.wait_for(lock, std::chrono::seconds(20), [&] { return m_open; });
-  }
-
- private:
-  std::mutex m_mutex;
-  std::condition_variable m_changed;
-  bool m_open = false;
-};
-
-void dropFiles(QWidget* target, const QList<QUrl>& urls) {
-  QMimeData data;
-  data.setUrls(urls);
-  const QPoint point = target->rect().center();
-  QDragEnterEvent enter(point, Qt::CopyAction, &data, Qt::LeftButton, Qt::NoModifier);
-  QApplication::sendEvent(target, &enter);
-  QDropEvent drop(point, Qt::CopyAction, &data, Qt::LeftButton, Qt::NoModifier);
-  QApplication::sendEvent(target, &drop);
-}
-
-TEST(ContentViewTest, EmptyStateIsOneButtonThatAsksForAFileOnce) {
+// The empty state is one button that asks for a file; files dragged over light it up, and a drop
+// of two opens the first.
+TEST(ContentViewTest, EmptyStateAsksForAFileAndTakesADrop) {
   Editor editor;
   auto* empty = editor.window().findChild<EmptyStateView*>();
-  ASSERT_NE(empty, nullptr);
   EXPECT_TRUE(empty->isVisible());
   EXPECT_EQ(empty->accessibleName(), "Choose a video to open");
-
-  editor.picker.answer = qPath(fixture(clipSpec()));
   click(empty, {30, 40});  // anywhere, far from the two lines
-  EXPECT_EQ(editor.picker.asked, 1);
+  EXPECT_EQ(editor.pickerAsked, 1);
+  EXPECT_FALSE(editor.model().phase().isEditing()) << "a cancelled dialog opens nothing";
+
+  QWidget& content = editor.window().content();
+  QMimeData data;
+  data.setUrls(
+      {QUrl::fromLocalFile(qPath(fixture(clipSpec()))), QUrl::fromLocalFile(qPath(fixture(clipSpec(Container::mov))))});
+  QDragEnterEvent enter({10, 10}, Qt::CopyAction, &data, Qt::LeftButton, Qt::NoModifier);
+  QApplication::sendEvent(&content, &enter);
+  EXPECT_TRUE(enter.isAccepted());
+  EXPECT_TRUE(empty->isDropHighlighted());
+  QDropEvent drop({10, 10}, Qt::CopyAction, &data, Qt::LeftButton, Qt::NoModifier);
+  QApplication::sendEvent(&content, &drop);
+  EXPECT_FALSE(empty->isDropHighlighted());
   ASSERT_TRUE(waitUntil([&] { return editor.model().phase().isEditing(); }));
-  EXPECT_EQ(pathOf(editor.model()), fixture(clipSpec()));
+  EXPECT_EQ(editor.model().phase().video->path, fixture(clipSpec()));
   EXPECT_FALSE(empty->isVisible());
 }
 
-TEST(ContentViewTest, DroppingTwoFilesOpensTheFirst) {
-  Editor editor;
-  FixtureSpec second = clipSpec();
-  second.container = Container::mov;
-  const fs::path first = fixture(clipSpec());
-  dropFiles(&editor.window().content(),
-            {QUrl::fromLocalFile(qPath(first)), QUrl::fromLocalFile(qPath(fixture(second)))});
-  ASSERT_TRUE(waitUntil([&] { return editor.model().phase().isEditing(); }));
-  EXPECT_EQ(pathOf(editor.model()), first);
-}
-
-TEST(ContentViewTest, TheEmptyStateLightsUpWhileAFileIsDraggedOver) {
-  Editor editor;
-  auto* empty = editor.window().findChild<EmptyStateView*>();
-  QMimeData data;
-  data.setUrls({QUrl::fromLocalFile("/tmp/clip.mov")});
-  QDragEnterEvent enter({10, 10}, Qt::CopyAction, &data, Qt::LeftButton, Qt::NoModifier);
-  QApplication::sendEvent(&editor.window().content(), &enter);
-  EXPECT_TRUE(enter.isAccepted());
-  EXPECT_TRUE(empty->isDropHighlighted());
-  QDragLeaveEvent leave;
-  QApplication::sendEvent(&editor.window().content(), &leave);
-  EXPECT_FALSE(empty->isDropHighlighted());
-}
-
-// Every error the model can raise, raised the way a user would meet it, shows its own title over
-// its own message; dismissing the alert clears the error.
+// Each error shows its own title over its message, once; dismissing the alert clears it.
 TEST(ContentViewTest, EachErrorShowsItsTitleAndMessage) {
-  QTemporaryDir dir;
-  const QString text = dir.filePath("notes.txt");
-  QFile(text).open(QIODevice::WriteOnly);
-  const QString clip = qPath(fixture(clipSpec()));
-
-  struct Case {
-    const char* name;
-    std::function<void(AppServices&)> rig;
-    QString open;
-    bool exports;
-    QString title;
-    QString message;
-  };
-  const auto exportFails = [](AppError error) {
-    return [error](AppServices& s) {
-      s.exportComposition = [error](auto&&...) -> std::expected<Exporter::Outcome, AppError> {
-        return std::unexpected(error);
-      };
-    };
-  };
-  const std::vector<Case> cases = {
-      {"unsupported",
-       {},
-       text,
-       false,
-       "Can't open this video",
-       "This file's format isn't supported. Vantrix opens .mov, .mp4, and .m4v."},
-      {"moved",
-       {},
-       dir.filePath("gone.mp4"),
-       false,
-       "Can't find this file",
-       "Vantrix can't find this file. It may have been moved or deleted. Open it again from its current location."},
-      {"composition",
-       [](AppServices& s) {
-         s.loadVideo = [](auto&&...) -> std::expected<LoadedVideo, AppError> {
-           return std::unexpected(AppError::compositionFailed());
-         };
-       },
-       clip, false, "Can't prepare this video", "Vantrix couldn't prepare this video. Try opening it again."},
-      {"disk full", exportFails(AppError::diskFull()), clip, true, "Not enough disk space",
-       "There isn't enough disk space to export. Free up space and try again."},
-      {"export", exportFails(AppError::exportFailed(MediaError::posix(EIO, "write"))), clip, true,
-       "Export didn't finish", "The export didn't finish. Try exporting again."},
-  };
-  for (const Case& c : cases) {
-    SCOPED_TRACE(c.name);
+  for (const auto& [error, title] : std::vector<std::pair<AppError, QString>>{
+           {AppError::unsupportedFile(), "Can't open this video"},
+           {AppError::fileMoved(), "Can't find this file"},
+           {AppError::compositionFailed(), "Can't prepare this video"},
+           {AppError::diskFull(), "Not enough disk space"},
+           {AppError::exportFailed(MediaError::posix(EIO, "write")), "Export didn't finish"}}) {
+    SCOPED_TRACE(title.toStdString());
     AppServices services = realServices();
-    if (c.rig) c.rig(services);
+    services.loadVideo = [&](auto&&...) -> std::expected<LoadedVideo, AppError> { return std::unexpected(error); };
     Editor editor(services);
-    if (c.exports) {
-      editor.openAndWait(c.open.toStdString());
-      editor.saveDialog.answer = dir.filePath("out.mp4");
-      editor.window().content().exportAction()->trigger();
-    } else {
-      editor.window().openFile(c.open);
-    }
-    ASSERT_TRUE(waitUntil([&] { return !editor.alerts.shown.empty(); }));
-    EXPECT_EQ(editor.alerts.shown.back().title, c.title);
-    EXPECT_EQ(editor.alerts.shown.back().message, c.message);
-    EXPECT_EQ(editor.alerts.shown.size(), 1u);
-    editor.alerts.dismiss();
+    editor.window().openFile(qPath(fixture(clipSpec())));
+    ASSERT_TRUE(waitUntil([&] { return !editor.alerts.empty(); }));
+    runEventsFor(10);
+    ASSERT_EQ(editor.alerts.size(), 1u);
+    EXPECT_EQ(editor.alerts[0].first, title);
+    EXPECT_EQ(editor.alerts[0].second, QString::fromStdString(std::string(error.description())));
+    editor.dismissAlert();
     EXPECT_FALSE(editor.model().activeError());
   }
 }
 
-TEST(ContentViewTest, ExportShowsProgressWithCancelAndEndsQuietlyWhenCancelled) {
-  Gate reachedHalf, finish;
+// A slow open shows the loading indicator, not at once. While exporting: the progress bar and
+// Cancel, Export disabled; a cancelled export ends quietly, a finished one is shown in the file
+// browser.
+TEST(ContentViewTest, LoadingAndExportProgress) {
+  std::atomic<bool> halfway = false;
+  std::promise<void> loaded, exported;
   AppServices services = realServices();
-  services.exportComposition = [&](std::shared_ptr<const Composition>, const fs::path&,
+  services.loadVideo = [go = loaded.get_future().share()](const fs::path& path, std::stop_token stop) {
+    go.wait_for(20s);
+    return LoadedVideo::load(path, stop);
+  };
+  services.exportComposition = [&halfway, go = exported.get_future().share()](
+                                   std::shared_ptr<const Composition>, const fs::path&,
                                    const Exporter::ProgressCallback& progress,
                                    std::stop_token stop) -> std::expected<Exporter::Outcome, AppError> {
     progress(0.5);
-    reachedHalf.open();
-    finish.wait();
+    halfway = true;
+    go.wait_for(20s);
     return stop.stop_requested() ? Exporter::Outcome::cancelled : Exporter::Outcome::finished;
-  };
-  Editor editor(services);
-  editor.openAndWait(fixture(clipSpec()));
-  auto* progress = editor.window().findChild<QProgressBar*>();
-  ContentView& content = editor.window().content();
-  EXPECT_FALSE(progress->isVisible());
-  EXPECT_FALSE(content.cancelExportAction()->isVisible());
-
-  QTemporaryDir dir;
-  editor.saveDialog.answer = dir.filePath("out.mp4");
-  content.exportAction()->trigger();
-  reachedHalf.wait();
-  ASSERT_TRUE(waitUntil([&] { return progress->value() == 500; }));
-  EXPECT_TRUE(progress->isVisible());
-  EXPECT_TRUE(content.cancelExportAction()->isVisible());
-  EXPECT_FALSE(content.exportAction()->isEnabled()) << "one export at a time";
-
-  content.cancelExportAction()->trigger();
-  finish.open();
-  ASSERT_TRUE(waitUntil([&] { return !editor.model().isExporting(); }));
-  EXPECT_FALSE(progress->isVisible());
-  EXPECT_FALSE(content.cancelExportAction()->isVisible());
-  EXPECT_TRUE(content.exportAction()->isEnabled());
-  EXPECT_TRUE(editor.alerts.shown.empty());
-  EXPECT_TRUE(editor.revealer.revealed.empty());
-}
-
-TEST(ContentViewTest, FinishedExportIsRevealed) {
-  AppServices services = realServices();
-  services.exportComposition = [](auto&&...) -> std::expected<Exporter::Outcome, AppError> {
-    return Exporter::Outcome::finished;
-  };
-  Editor editor(services);
-  editor.openAndWait(fixture(clipSpec()));
-  QTemporaryDir dir;
-  editor.saveDialog.answer = dir.filePath("out.mp4");
-  editor.window().content().exportAction()->trigger();
-  ASSERT_TRUE(waitUntil([&] { return !editor.revealer.revealed.empty(); }));
-  EXPECT_EQ(editor.revealer.revealed.front(), dir.filePath("out.mp4"));
-}
-
-TEST(ContentViewTest, SlowOpenShowsTheLoadingIndicator) {
-  Gate loaded;
-  AppServices services = realServices();
-  services.loadVideo = [&loaded](const fs::path& path, std::stop_token stop) {
-    loaded.wait();
-    return LoadedVideo::load(path, stop);
   };
   Editor editor(services);
   auto* loading = editor.window().findChild<LoadingView*>();
@@ -232,9 +101,32 @@ TEST(ContentViewTest, SlowOpenShowsTheLoadingIndicator) {
   EXPECT_TRUE(loading->isVisible());
   EXPECT_FALSE(loading->isIndicatorVisible()) << "not before the open has taken a while";
   EXPECT_TRUE(waitUntil([&] { return loading->isIndicatorVisible(); }, 3000));
-  loaded.open();
-  ASSERT_TRUE(waitUntil([&] { return editor.model().phase().isEditing(); }));
+  loaded.set_value();
+  editor.openAndWait();
   EXPECT_FALSE(loading->isVisible());
+
+  auto* progress = editor.window().findChild<QProgressBar*>();
+  ContentView& content = editor.window().content();
+  QTemporaryDir dir;
+  editor.saveAnswer = dir.filePath("out.mp4");
+  content.exportAction()->trigger();
+  ASSERT_TRUE(waitUntil([&] { return halfway && progress->value() == 500; }));
+  EXPECT_TRUE(progress->isVisible());
+  EXPECT_TRUE(content.cancelExportAction()->isVisible());
+  EXPECT_FALSE(content.exportAction()->isEnabled()) << "one export at a time";
+
+  content.cancelExportAction()->trigger();
+  exported.set_value();
+  ASSERT_TRUE(waitUntil([&] { return !editor.model().isExporting(); }));
+  EXPECT_FALSE(progress->isVisible());
+  EXPECT_FALSE(content.cancelExportAction()->isVisible());
+  EXPECT_TRUE(editor.alerts.empty());
+  EXPECT_TRUE(editor.revealed.empty());
+
+  ASSERT_TRUE(content.exportAction()->isEnabled());
+  content.exportAction()->trigger();
+  ASSERT_TRUE(waitUntil([&] { return !editor.revealed.empty(); }));
+  EXPECT_EQ(editor.revealed, std::vector{dir.filePath("out.mp4")});
 }
 
 }  // namespace
