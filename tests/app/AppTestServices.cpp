@@ -33,11 +33,7 @@ bool waitHoldingEvents(const std::function<bool()>& done) {
 
 AppServices realServices() {
   AppServices services = AppServices::standard();
-  services.playerOptions = [] {
-    Player::Options options;
-    options.audio = std::make_unique<NullAudioOutput>();
-    return options;
-  };
+  services.playerOptions = [] { return Player::Options{nullptr, std::make_unique<NullAudioOutput>()}; };
   return services;
 }
 

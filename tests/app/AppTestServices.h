@@ -1,7 +1,7 @@
 #pragma once
 
-// Shared by the application model and window tests: waiting on the GUI thread's event loop, and
-// the application's real services without a sound device.
+// Shared with the window tests: waiting on the GUI thread's event loop, and the application's real
+// services without a sound device.
 
 #include "app/AppServices.h"
 
@@ -17,7 +17,6 @@ void runEventsFor(int milliseconds);
 // Waits for a worker thread's `done`, then a little longer for what it posts, without running the
 // GUI thread's events: the posted results stay queued until the test lets them through.
 bool waitHoldingEvents(const std::function<bool()>& done);
-
 // The real services with the real player, on the wall clock, with no sound device.
 AppServices realServices();
 

@@ -1,7 +1,8 @@
 #pragma once
 
 // The application model tests' fixture: a folder and a session folder (XDG_DATA_HOME) per test,
-// copies of the test clip, models on the window's undo stack, and the export's dialogs answered.
+// copies of the test clip, models on the window's undo stack with the export's dialogs answered,
+// and services the test can hold.
 
 #include "app/AppModel.h"
 #include "app/FileRevealer.h"
@@ -18,7 +19,6 @@
 #include <QTemporaryDir>
 
 #include <future>
-#include <map>
 
 namespace vantrix::testing {
 
@@ -40,7 +40,7 @@ inline std::string describe(const AppModel& m, bool withPlayhead = true) {
   return withPlayhead ? out + " @" + t(m.currentTime()) : out;
 }
 
-// Holds a worker until released (at most 20 s); cancellation does not end the wait, as with a slow disk.
+// Holds a worker until released (20 s at most); cancellation does not end the wait, as on a slow disk.
 struct LoadGate {
   std::promise<void> promise;
   std::shared_future<void> released = promise.get_future().share();
@@ -48,21 +48,14 @@ struct LoadGate {
   void wait() const { released.wait_for(std::chrono::seconds(20)); }
 };
 
-// Services whose slow steps wait for the test: loads of the files in `heldLoads` (which then finish
-// even when asked to stop) and, while `holdBuilds` is set, composition builds, which fail while
-// `failBuilds` is set. The spinner's delay passes when the test fires it, and the player runs on
-// `clock`, which moves only when the test moves it.
+// Services the test holds: the load of `heldLoad` waits for `loads` (and then finishes even when
+// asked to stop, as on a slow disk); builds of the preview wait for `builds` while `holdBuilds` is
+// set and fail while `failBuilds` is; the spinner's delay passes, unless called off, when the test
+// fires it; and the player runs on `clock`, which moves only when the test moves it.
 struct Rig {
-  struct Held : LoadGate {
-    std::atomic<int> returned = 0;  // 1: returned, 2: returned after it was asked to stop
-  };
-  struct Delay final : DelayedCall {
-    std::shared_ptr<bool> off = std::make_shared<bool>(false);
-    void cancel() override { *off = true; }
-    ~Delay() override { *off = true; }
-  };
-  std::map<fs::path, std::shared_ptr<Held>> heldLoads;
-  LoadGate builds;
+  fs::path heldLoad;
+  LoadGate loads, builds;
+  std::atomic<int> loadsReturned = 0, loadsStopped = 0;  // stopped: asked to stop before returning
   std::atomic<bool> holdBuilds = false, failBuilds = false;
   std::shared_ptr<ManualClock> clock = std::make_shared<ManualClock>();
   std::function<void()> fireSpinner;
@@ -70,23 +63,24 @@ struct Rig {
   AppServices services() {
     AppServices s = realServices();
     s.loadVideo = [this, real = s.loadVideo](const fs::path& path, std::stop_token stop) {
-      const auto held = heldLoads.contains(path) ? heldLoads.at(path) : nullptr;
-      if (held) held->wait();
+      if (path == heldLoad) loads.wait();
       auto result = real(path, {});
-      if (held) held->returned = stop.stop_requested() ? 2 : 1;
+      loadsStopped += stop.stop_requested(), ++loadsReturned;
       return result;
     };
     s.buildComposition = [this, real = s.buildComposition](const SpeedTimeline& t, const auto& asset) {
       if (holdBuilds) builds.wait();
       return failBuilds ? std::unexpected(AppError::compositionFailed()) : real(t, asset);
     };
-    s.startDelay = [this](std::chrono::milliseconds delay, std::function<void()> fn) {
-      EXPECT_EQ(delay, std::chrono::milliseconds(180));
-      auto handle = std::make_unique<Delay>();
-      fireSpinner = [fn, off = handle->off] {
-        if (!*off) fn();
+    s.startDelay = [this](auto, std::function<void()> fn) {
+      struct Call final : DelayedCall {
+        std::shared_ptr<bool> off = std::make_shared<bool>(false);
+        void cancel() override { *off = true; }
+        ~Call() override { *off = true; }
       };
-      return handle;
+      auto call = std::make_unique<Call>();
+      fireSpinner = [fn, off = call->off] { return *off ? void() : fn(); };
+      return std::unique_ptr<DelayedCall>(std::move(call));
     };
     s.playerOptions = [clock = clock] { return Player::Options{clock, std::make_unique<NullAudioOutput>()}; };
     return s;
@@ -96,7 +90,6 @@ struct Rig {
 class AppModelTest : public ::testing::Test, public SaveDialog, public FileRevealer {
  protected:
   void SetUp() override { qputenv("XDG_DATA_HOME", QFile::encodeName(m_tmp.filePath("data"))); }
-  void TearDown() override { m_undo.clear(); }
   fs::path dir() const { return m_tmp.path().toStdString(); }
   // A private copy of the test clip, 3 s at 30 frames a second with sound (sessions are per path).
   fs::path copyClip(const std::string& name = "clip.mp4") const {
@@ -134,8 +127,7 @@ class AppModelTest : public ::testing::Test, public SaveDialog, public FileRevea
   }
   // The window's save dialog, answering m_answer, and its file browser.
   std::optional<QString> chooseDestination(const SaveRequest& request) override {
-    m_requests.push_back(request);
-    return m_answer;
+    return m_requests.push_back(request), m_answer;
   }
   void reveal(const QString& path) override { m_revealed.push_back(path); }
 
