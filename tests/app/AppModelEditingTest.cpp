@@ -2,6 +2,8 @@
 
 #include "AppTestSupport.h"
 
+#include <QSignalSpy>
+
 namespace vantrix {
 
 // Plants states the public commands never produce.
@@ -13,21 +15,21 @@ namespace {
 
 using namespace vantrix::testing;
 
-// A fast failure from the empty window; then with A open (and edited, another owner's step on the
-// shared stack): B held loading long enough for the spinner, C's result already queued, and a
-// fast failure, which returns to A untouched; B, released late, never writes; D opens afresh.
+// A fast failure (a missing file) from the empty window; then with A open, edited and another
+// owner's step on the stack: B held loading past the spinner's delay, C's result already queued,
+// and a fast failure, which returns to A untouched; B, released late, never writes; D opens afresh.
 TEST_F(AppModelTest, OpeningFailsBackToWhereItStartedAndSucceedsAfresh) {
   Rig rig;
   rig.heldLoad = copyClip("b.mp4");
   auto model = makeModel(rig.services());
   const auto failOpen = [&] {
     LogCapture log;
+    QSignalSpy spinner(model.get(), &AppModel::showsLoadingIndicatorChanged);
     model->dismissError();
     model->openVideo(dir() / "gone.mp4");
-    ASSERT_TRUE(waitUntil([&] { return model->phase().kind != AppModel::Phase::Kind::loading; }));
-    rig.fireSpinner();  // the delay passes after the failure
-    EXPECT_FALSE(model->showsLoadingIndicator());
-    EXPECT_EQ(model->activeError(), AppError::fileMoved());
+    ASSERT_TRUE(waitUntil([&] { return model->activeError().has_value(); }));
+    runEventsFor(300);  // past the spinner's delay, which the failure called off
+    EXPECT_TRUE(spinner.isEmpty() && model->activeError() == AppError::fileMoved());
     EXPECT_EQ(log.messages("vantrix.app"), QStringList{"Open failed: Vantrix can't find this file. It may have been "
                                                        "moved or deleted. Open it again from its current location."});
   };
@@ -43,51 +45,47 @@ TEST_F(AppModelTest, OpeningFailsBackToWhereItStartedAndSucceedsAfresh) {
   model->seek(ms(1500));
   model->markIn();
   model->requestThumbnails(2, 60, 1);
-  const auto stateOf = [&] {
-    return std::tuple(model->phase(), describe(*model), model->thumbnails().size(), m_undo.count(), m_undo.index());
+  const auto state = [&] {
+    return std::tuple(model->phase(), describe(*model), model->thumbnails().size(), m_undo.index());
   };
-  const auto before = stateOf();
+  const auto before = state();
   model->openVideo(rig.heldLoad);
   EXPECT_FALSE(model->showsLoadingIndicator());
-  rig.fireSpinner();
-  EXPECT_TRUE(model->showsLoadingIndicator());
+  EXPECT_TRUE(waitUntil([&] { return model->showsLoadingIndicator(); }));
   model->openVideo(copyClip("c.mp4"));
   ASSERT_TRUE(waitHoldingEvents([&] { return rig.loadsReturned == 3; }));
   failOpen();
-  EXPECT_EQ(stateOf(), before);
-  rig.loads.release();
+  EXPECT_EQ(state(), before);
+  rig.holdLoad = false;
   ASSERT_TRUE(waitUntil([&] { return rig.loadsReturned == 5; }));
   EXPECT_EQ(rig.loadsStopped, 1) << "B's load was not asked to stop";
   runEventsFor(100);
-  EXPECT_EQ(stateOf(), before);
+  EXPECT_EQ(state(), before);
 
   openAndWait(*model, copyClip("d.mov"));
+  EXPECT_TRUE(model->thumbnails().empty());                                 // A's filmstrip must not pass for D's
+  while (m_undo.canUndo() && m_undo.undoText() != "Typing") m_undo.undo();  // A's steps do nothing to D
   EXPECT_EQ(describe(*model), "0-3000 @0");
-  EXPECT_TRUE(model->thumbnails().empty());  // A's filmstrip must not pass for D's
-  // A's steps do nothing to D and go; the other owner's step stays.
-  while (m_undo.canUndo() && m_undo.undoText() != QStringLiteral("Typing")) m_undo.undo();
-  EXPECT_EQ(describe(*model), "0-3000 @0");
-  EXPECT_TRUE(m_undo.canUndo());
+  EXPECT_TRUE(m_undo.canUndo());  // the other owner's step stays
 }
 
-// A video reopened in a new model comes back as it was left, unless the session no longer fits
-// it; without a bookmark nothing is saved.
+// A video reopened in a new model comes back as it was left, unless the session no longer fits it;
+// without a bookmark the edits work and nothing is saved.
 TEST_F(AppModelTest, SessionsRestoreTheEditsOrStartFreshAndSayWhy) {
-  const auto overlap = [](const fs::path& clip) {  // fingerprint kept, so the store trusts it
+  const auto overlap = [](const fs::path& clip) {  // the fingerprint kept, so the store trusts it
     Session session = SessionStore().loadForVideo(qs(clip)).value();
-    session.segments = {{Uuid::random(), ms(500), ms(1500), Speed::x2},
-                        {Uuid::random(), ms(1000), ms(2000), Speed::x4}};
+    session.segments.push_back({Uuid::random(), ms(800), ms(1500), Speed::x4});
     SessionStore().save(session);
   };
-  const auto touch = [](const fs::path& c) {
-    fs::last_write_time(c, fs::last_write_time(c) + std::chrono::seconds(7));
-  };
+  const auto touch = [](const fs::path& c) { fs::last_write_time(c, fs::last_write_time(c) + std::chrono::hours(1)); };
+  // clang-format off
   const std::tuple<std::string, std::function<void(const fs::path&)>, const char*, QString> rows[] = {
       {"kept", [](auto&) {}, "vantrix.app", ""},
       {"touched", touch, "vantrix.persistence", "Session discarded: source size/mtime mismatch (file changed)."},
       {"overlapping", overlap, "vantrix.app", "Restored session violated a domain invariant; starting fresh: overlap"},
       {"no bookmark", [](auto&) {}, "vantrix.app", ""},
   };
+  // clang-format on
   for (const auto& [name, spoil, category, line] : rows) {
     SCOPED_TRACE(name);
     const fs::path clip = copyClip(name + ".mp4");
@@ -111,8 +109,7 @@ TEST_F(AppModelTest, SessionsRestoreTheEditsOrStartFreshAndSayWhy) {
 
 // From segment a [0.5, 1.0) at x2, each row sets the marks and the playhead, acts, and shows what
 // `describe` gives. A named action is one undo step of that name; undo and redo put back each
-// other's timeline, select nothing (a selection stays while its segment exists), leave the marks
-// and the playhead, and save and rebuild each time. Edits the views never offer are refused and
+// other's timeline and save and rebuild each time. Edits the views never offer are refused and
 // logged as unreachable.
 TEST_F(AppModelTest, EveryCommandInATable) {
   const fs::path clip = copyClip();
@@ -168,15 +165,12 @@ TEST_F(AppModelTest, EveryCommandInATable) {
     EXPECT_EQ(m_undo.undoText(), row.action);
     savedAndRebuilt();
     const SpeedTimeline done = *m.timeline();
-    std::string afterRedo = row.after;  // a segment the undo takes away is no longer selected
-    if (m.selectedSegmentId() && m.selectedSegmentId() != a) std::erase(afterRedo, '*');
     m_undo.undo();
     EXPECT_EQ(m.timeline(), start);
     savedAndRebuilt();
     m_undo.redo();
     EXPECT_EQ(m.timeline(), done);
     savedAndRebuilt();
-    EXPECT_EQ(describe(m), afterRedo);
     m_undo.undo();
     m_undo.clear();
   }

@@ -1,8 +1,8 @@
 #pragma once
 
-// The application model tests' fixture: a folder and a session folder (XDG_DATA_HOME) per test,
-// copies of the test clip, models on the window's undo stack with the export's dialogs answered,
-// and services the test can hold.
+// The app model tests' fixture: a folder and a session folder (XDG_DATA_HOME) per test, copies of
+// the test clip, models on the window's undo stack with the export's dialogs answered, and services
+// the test can hold.
 
 #include "app/AppModel.h"
 #include "app/FileRevealer.h"
@@ -17,8 +17,6 @@
 
 #include <QFile>
 #include <QTemporaryDir>
-
-#include <future>
 
 namespace vantrix::testing {
 
@@ -40,47 +38,34 @@ inline std::string describe(const AppModel& m, bool withPlayhead = true) {
   return withPlayhead ? out + " @" + t(m.currentTime()) : out;
 }
 
-// Holds a worker until released (20 s at most); cancellation does not end the wait, as on a slow disk.
-struct LoadGate {
-  std::promise<void> promise;
-  std::shared_future<void> released = promise.get_future().share();
-  void release() { promise.set_value(); }
-  void wait() const { released.wait_for(std::chrono::seconds(20)); }
-};
-
-// Services the test holds: the load of `heldLoad` waits for `loads` (and then finishes even when
-// asked to stop, as on a slow disk); builds of the preview wait for `builds` while `holdBuilds` is
-// set and fail while `failBuilds` is; the spinner's delay passes, unless called off, when the test
-// fires it; and the player runs on `clock`, which moves only when the test moves it.
+// Services the test holds. While `holdLoad` is set, the load of `heldLoad` waits (and then ends even
+// if asked to stop, as on a slow disk); while `holdBuilds` is, preview builds wait, and they fail
+// while `failBuilds` is; while `holdStrip` is, a filmstrip of `heldStrip` stills waits (and then
+// runs to its end, as a slow decoder would). The player runs on `clock`, moved by the test only.
 struct Rig {
   fs::path heldLoad;
-  LoadGate loads, builds;
-  std::atomic<int> loadsReturned = 0, loadsStopped = 0;  // stopped: asked to stop before returning
-  std::atomic<bool> holdBuilds = false, failBuilds = false;
+  std::size_t heldStrip = 0;
+  std::atomic<bool> holdLoad = true, holdBuilds = false, failBuilds = false, holdStrip = false;
+  std::atomic<int> loadsReturned = 0, loadsStopped = 0, stripsDone = 0;  // stopped: asked to stop first
   std::shared_ptr<ManualClock> clock = std::make_shared<ManualClock>();
-  std::function<void()> fireSpinner;
 
   AppServices services() {
     AppServices s = realServices();
     s.loadVideo = [this, real = s.loadVideo](const fs::path& path, std::stop_token stop) {
-      if (path == heldLoad) loads.wait();
+      if (path == heldLoad) waitUntil([&] { return !holdLoad; }, 20000, false);
       auto result = real(path, {});
       loadsStopped += stop.stop_requested(), ++loadsReturned;
       return result;
     };
     s.buildComposition = [this, real = s.buildComposition](const SpeedTimeline& t, const auto& asset) {
-      if (holdBuilds) builds.wait();
+      waitUntil([&] { return !holdBuilds; }, 20000, false);
       return failBuilds ? std::unexpected(AppError::compositionFailed()) : real(t, asset);
     };
-    s.startDelay = [this](auto, std::function<void()> fn) {
-      struct Call final : DelayedCall {
-        std::shared_ptr<bool> off = std::make_shared<bool>(false);
-        void cancel() override { *off = true; }
-        ~Call() override { *off = true; }
-      };
-      auto call = std::make_unique<Call>();
-      fireSpinner = [fn, off = call->off] { return *off ? void() : fn(); };
-      return std::unique_ptr<DelayedCall>(std::move(call));
+    s.generateThumbnails = [this, real = s.generateThumbnails](auto& asset, auto times, double height, double scale,
+                                                               std::stop_token stop, auto& sink) {
+      if (times.size() == heldStrip) waitUntil([&] { return !holdStrip; }, 20000, false), stop = {};
+      real(asset, times, height, scale, stop, sink);
+      ++stripsDone;
     };
     s.playerOptions = [clock = clock] { return Player::Options{clock, std::make_unique<NullAudioOutput>()}; };
     return s;
@@ -91,7 +76,7 @@ class AppModelTest : public ::testing::Test, public SaveDialog, public FileRevea
  protected:
   void SetUp() override { qputenv("XDG_DATA_HOME", QFile::encodeName(m_tmp.filePath("data"))); }
   fs::path dir() const { return m_tmp.path().toStdString(); }
-  // A private copy of the test clip, 3 s at 30 frames a second with sound (sessions are per path).
+  // A private copy of the test clip: 3 s at 30 frames a second, a keyframe every 15, with sound.
   fs::path copyClip(const std::string& name = "clip.mp4") const {
     fs::copy_file(fixture({.width = 160, .height = 120, .seconds = 3, .gopFrames = 15}), dir() / name,
                   fs::copy_options::overwrite_existing);
@@ -107,8 +92,7 @@ class AppModelTest : public ::testing::Test, public SaveDialog, public FileRevea
   static void openAndWait(AppModel& model, const fs::path& file) {
     model.openVideo(file);
     ASSERT_TRUE(waitUntil([&] { return model.phase().kind != AppModel::Phase::Kind::loading; })) << file;
-    ASSERT_TRUE(model.phase().isEditing()) << (model.activeError() ? model.activeError()->description() : "");
-    ASSERT_TRUE(waitUntil([&] { return model.composition() != nullptr; })) << file;
+    ASSERT_TRUE(model.phase().isEditing() && waitUntil([&] { return model.composition() != nullptr; })) << file;
   }
   std::unique_ptr<AppModel> openModel(const fs::path& file, AppServices services = realServices()) {
     auto model = makeModel(std::move(services));
