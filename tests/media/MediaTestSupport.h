@@ -1,8 +1,6 @@
 #pragma once
 
-// Shared by the media tests: fixtures opened as assets, timelines written compactly, the sample
-// files kept beside the checkout, and the rule every output frame must follow, computed
-// independently from the source's own decoded frames.
+// Shared by the media tests.
 
 #include "media/CompositionBuilder.h"
 #include "media/MediaAsset.h"
@@ -15,13 +13,7 @@
 #include <QElapsedTimer>
 #include <QThread>
 
-#include <algorithm>
 #include <chrono>
-#include <cmath>
-#include <filesystem>
-#include <memory>
-#include <optional>
-#include <vector>
 
 namespace vantrix {
 inline void PrintTo(RationalTime t, std::ostream* os) { *os << t.toString(); }
@@ -30,12 +22,10 @@ inline void PrintTo(const AppError& e, std::ostream* os) { *os << toString(e.kin
 
 namespace vantrix::testing {
 
-// The player reports through the event loop of the thread that made it; suites that play create
-// the application object once, in SetUpTestSuite.
+// The player reports through the event loop of the thread that made it.
 inline void ensureCoreApplication() {
   static int argc = 1;
-  static char name[] = "media_tests";
-  static char* argv[] = {name, nullptr};
+  static char name[] = "media_tests", *argv[] = {name, nullptr};
   if (!QCoreApplication::instance()) new QCoreApplication(argc, argv);
 }
 
@@ -52,7 +42,7 @@ bool waitFor(Predicate done, std::chrono::milliseconds limit = std::chrono::seco
   return true;
 }
 
-// Times in milliseconds keep the tables short: ms(2500) is 2.5 s.
+// ms(2500) is 2.5 s.
 inline RationalTime ms(std::int64_t v) { return {v, 1000}; }
 
 struct SegmentRow {
@@ -84,49 +74,32 @@ inline std::shared_ptr<const Composition> compose(const SpeedTimeline& timeline,
   return built ? *built : nullptr;
 }
 
-// The error of a call that failed; nullopt for one that succeeded.
+// nullopt for a call that succeeded.
 template <typename T>
 std::optional<AppError> refusal(const std::expected<T, AppError>& result) {
   return result ? std::nullopt : std::optional(result.error());
 }
 
-// From the first frame's start to the last frame's end.
 inline RationalTime frameSpan(const std::vector<DecodedFrame>& frames) {
   return frames.back().time + frames.back().duration - frames.front().time;
 }
 
-// The barcode of the latest source frame at or before source time x; the first frame when x lies
-// before every frame.
-inline std::optional<std::int64_t> expectedBarcode(const std::vector<DecodedFrame>& source, RationalTime x) {
-  std::optional<std::int64_t> found = source.empty() ? std::nullopt : source.front().barcode;
-  for (const DecodedFrame& f : source) {
-    if (f.time - source.front().time > x) break;
-    found = f.barcode;
-  }
-  return found;
+// The source second whose tone plays over output [from, to), -1 (silence) when sped up; nullopt
+// within `margin` of a change of stretch or source second, or of either end.
+inline std::optional<int> expectedSecond(const Composition& c, RationalTime from, RationalTime to,
+                                         RationalTime margin) {
+  if (from < margin || to + margin >= c.duration()) return std::nullopt;
+  const CompositionEdit* edit = c.videoEditAt(from);
+  if (edit != c.videoEditAt(from - margin) || edit != c.videoEditAt(to + margin)) return std::nullopt;
+  if (edit->speed) return -1;
+  const int first = static_cast<int>(edit->sourceTimeAt(from - margin).seconds());
+  return first == static_cast<int>(edit->sourceTimeAt(to + margin).seconds()) ? std::optional(first) : std::nullopt;
 }
 
-// The frame number the reader's frame rule shows at output time t for a source of the default
-// recipe's 30 frames a second: every source frame at normal speed, the source's frame grid when
-// sped up; the last frame from the end on.
-inline std::int64_t expectedFrame(const Composition& composition, RationalTime t) {
-  constexpr std::int64_t kRate = 30;
-  if (const RationalTime last = composition.duration() - RationalTime(1, 90000); t > last) t = last;
-  const CompositionEdit* edit = composition.videoEditAt(t);
-  RationalTime instant = t;
-  if (edit->speed) {
-    const RationalTime grid(static_cast<std::int64_t>(std::floor(t.seconds() * kRate + 1e-9)), kRate);
-    instant = std::max(grid, edit->outputStart);
-  }
-  const RationalTime source = edit->sourceTimeAt(instant);
-  return source.value() * kRate / source.timescale();  // floor: times are not negative
-}
-
-// A file of the sample folder beside the checkout; the folder itself for "".
+// The sample folder beside the checkout (never copied into it): tests that need it skip without it.
 inline std::filesystem::path realWorldFile(const char* relative = "") {
   return std::filesystem::path(VANTRIX_REAL_WORLD_DIR) / relative;
 }
-// The folder is optional (never copied into the checkout): tests that need it skip without it.
 inline bool haveRealWorld() {
   std::error_code ec;
   return std::filesystem::is_directory(realWorldFile(), ec);

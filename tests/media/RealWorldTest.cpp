@@ -1,7 +1,5 @@
-// The sample files from elsewhere taken through everything an opened video goes through: played to
-// its end, shown in a filmstrip, exported with a trim and a sped-up region. Their frames are
-// checked against the source decoded independently (no barcodes here: the pictures are compared
-// downscaled to grey).
+// The sample files from elsewhere, each opened (or refused), played and sought, shown in a filmstrip
+// and exported with a sped-up region; frames are compared with the source's, downscaled to grey.
 
 #include "media/Exporter.h"
 #include "media/LoadedVideo.h"
@@ -10,15 +8,10 @@
 #include "FixtureDecoding.h"
 #include "MediaTestSupport.h"
 
-#include <gtest/gtest.h>
-
-#include <QCoreApplication>
-#include <QElapsedTimer>
 #include <QTemporaryDir>
-#include <QThread>
 
+#include <cctype>
 #include <chrono>
-#include <ranges>
 
 namespace vantrix {
 namespace {
@@ -27,14 +20,11 @@ namespace fs = std::filesystem;
 using namespace std::chrono_literals;
 using namespace testing;
 
-// Pictures are compared at this size, in grey, stored orientation unless said otherwise.
+// Pictures are compared at this size in grey. Below these mean absolute differences they show the
+// same frame: an exported frame differs from its source frame by at most 0.5, neighbouring source
+// frames by 1.5 to 7 wherever the footage moves; a thumbnail (RGB by the file's colour matrix, read
+// back as BT.601) by up to 6.7, by 23 and more when it is not upright.
 constexpr int kSide = 32;
-// Mean absolute differences of two such pictures, in grey levels, below which they show the same
-// frame. Measured on the sample files: an exported frame differs from its source frame by at most
-// 0.5, while neighbouring source frames differ by 1.5 to 7 wherever the footage moves (static
-// footage cannot tell them apart at all). A thumbnail, whose RGB follows the file's own colour
-// matrix while greyOf() reads it back as BT.601, differs from its frame by up to 6.7 (BT.2020
-// footage), but by 23 and more when it is not turned upright.
 constexpr double kSameExportedFrame = 1;
 constexpr double kSameThumbnail = 10;
 
@@ -45,8 +35,8 @@ struct Frame {
 
 RationalTime ticks(std::int64_t value, AVRational timeBase) { return {value * timeBase.num, timeBase.den}; }
 
-// Every frame of the first video stream, downscaled by averaging to kSide x kSide grey; `end`
-// receives the stream's declared end (MP4 packet durations are not to be trusted with B-frames).
+// Every frame of the first video stream, averaged down to kSide x kSide grey, stored orientation;
+// `end` receives the stream's declared end (MP4 packet durations are unreliable with B-frames).
 std::vector<Frame> decodeSmall(const fs::path& file, RationalTime* end = nullptr) {
   std::vector<Frame> frames;
   auto opened = openFirstStream(file, AVMEDIA_TYPE_VIDEO);
@@ -100,7 +90,6 @@ const Frame& frameAt(const std::vector<Frame>& frames, RationalTime t) {
   return it == frames.begin() ? *it : *std::prev(it);
 }
 
-
 // The edit every file gets: trimmed to 10 % to 90 % of its length (at most a second, to keep
 // high-definition exports quick) with the middle half at 4x; a trim alone for one-frame files.
 SpeedTimeline editFor(RationalTime duration, std::size_t frameCount) {
@@ -117,8 +106,7 @@ SpeedTimeline editFor(RationalTime duration, std::size_t frameCount) {
   return timeline;
 }
 
-// The output times at which the picture changes, with the source frame shown from each: the
-// frames the composition shows by its frame rule, found independently from the decoded source.
+// The output times at which the picture changes, with the source frame shown from each.
 std::vector<std::pair<RationalTime, RationalTime>> pictureChanges(const Composition& composition,
                                                                   const std::vector<Frame>& source) {
   const AVRational rate = composition.asset()->video()->frameRate;
@@ -131,7 +119,8 @@ std::vector<std::pair<RationalTime, RationalTime>> pictureChanges(const Composit
   for (const CompositionEdit& edit : composition.videoEdits()) {
     consider(edit, edit.outputStart);
     if (!edit.speed) {
-      for (const Frame& f : source) consider(edit, edit.outputStart + (f.time - source.front().time) - edit.sourceStart);
+      for (const Frame& f : source)
+        consider(edit, edit.outputStart + (f.time - source.front().time) - edit.sourceStart);
       continue;
     }
     // Sped up: the frame grid of the source's nominal rate.
@@ -142,10 +131,12 @@ std::vector<std::pair<RationalTime, RationalTime>> pictureChanges(const Composit
   return changes;
 }
 
-// Plays the player's item on `clock`, moved by hand from one picture change to the next: each
-// change shows its source frame, and the player stops at the item's end without an error.
+// Plays the item on `clock`, moved by hand from one picture change to the next: each shows its
+// source frame, and the player stops at the end without an error. Then exact seeks to some changes,
+// and half-way to them from the one before, show the rule's frame.
 void playsEveryChangeToTheEnd(Player& player, ManualClock& clock, const std::vector<Frame>& source) {
   const Composition& item = *player.currentItem();
+  const auto changes = pictureChanges(item, source);
   bool ended = false;
   const auto connection = QObject::connect(&player, &Player::playedToEnd, [&] { ended = true; });
   player.play();
@@ -157,12 +148,10 @@ void playsEveryChangeToTheEnd(Player& player, ManualClock& clock, const std::vec
     if (RationalTime(ns, kNs) < t) ++ns;
     clock.advance(start + std::chrono::nanoseconds(ns) - clock.now());
   };
-  for (const auto& [at, shown] : pictureChanges(item, source)) {
+  for (const auto& [at, shown] : changes) {
     moveTo(at);
     ASSERT_TRUE(waitFor([&] { return player.currentFrame() && player.currentFrame()->sourceTime == shown; }, 10s))
-        << "at output " << at.toString() << " showing "
-        << (player.currentFrame() ? player.currentFrame()->sourceTime.toString() : "nothing") << " not "
-        << shown.toString();
+        << "at output " << at.toString() << " not showing " << shown.toString();
   }
   moveTo(item.duration());
   ASSERT_TRUE(waitFor([&] { return ended; }));
@@ -170,112 +159,109 @@ void playsEveryChangeToTheEnd(Player& player, ManualClock& clock, const std::vec
   EXPECT_EQ(player.timeControlStatus(), Player::TimeControlStatus::paused);
   EXPECT_EQ(player.currentTime(), item.duration());
   EXPECT_FALSE(player.error()) << player.error()->description();
-}
-
-class RealWorldTest : public ::testing::Test {
- protected:
-  static void SetUpTestSuite() { ensureCoreApplication(); }
-
-  void SetUp() override {
-    if (!haveRealWorld()) GTEST_SKIP() << "no real-world media folder";
-    for (const auto& entry : fs::recursive_directory_iterator(realWorldFile())) {
-      const auto ext = entry.path().extension();
-      if (ext != ".mp4" && ext != ".mov" && ext != ".m4v") continue;
-      if (auto video = LoadedVideo::load(entry.path())) m_videos.push_back(std::move(*video));
+  for (std::size_t i = 1; i < changes.size(); i += std::max<std::size_t>(1, changes.size() / 8)) {
+    for (const auto& [at, shown] :
+         {changes[i], std::pair((changes[i - 1].first + changes[i].first).dividedBy(2), changes[i - 1].second)}) {
+      bool landed = false;
+      player.seek(at, {}, {}, [&](bool done) { landed = done; });
+      ASSERT_TRUE(waitFor([&] { return landed; }, 10s)) << "seek to " << at.toString();
+      EXPECT_EQ(player.currentFrame()->sourceTime, shown) << "seek to " << at.toString();
     }
-    std::ranges::sort(m_videos, {}, &LoadedVideo::path);
-    ASSERT_FALSE(m_videos.empty());
-  }
-
-  std::vector<LoadedVideo> m_videos;
-};
-
-// Each file plays every frame of its own to its end, then, edited, every frame of the edit.
-TEST_F(RealWorldTest, EachFilePlaysEveryFrameToItsEnd) {
-  for (LoadedVideo& video : m_videos) {
-    SCOPED_TRACE(video.path);
-    const auto source = decodeSmall(video.path);
-    auto clock = std::make_shared<ManualClock>();
-    // Exact pictures only: the clock moves on as soon as each picture shows, so the decoder is never
-    // ahead of it, and catch-up sampling would rightly take over in the sped-up stretch.
-    ASSERT_TRUE(video.attachPlayer({clock, std::make_unique<NullAudioOutput>(), 0, false}));
-    video.player->setVideoSize({kSide, kSide});
-    playsEveryChangeToTheEnd(*video.player, *clock, source);
-    video.player->replaceCurrentItem(compose(editFor(video.asset->duration(), source.size()), video.asset));
-    playsEveryChangeToTheEnd(*video.player, *clock, source);
   }
 }
 
-// A filmstrip of eight: every time with a frame within the tolerance gets its thumbnail, showing
-// one of those frames upright.
-TEST_F(RealWorldTest, EachFileFillsAFilmstrip) {
-  constexpr int kCount = 8;
-  for (const LoadedVideo& video : m_videos) {
-    SCOPED_TRACE(video.path);
-    const auto frames = decodeSmall(video.path);
-    const RationalTime duration = video.asset->duration();
-    std::vector<RationalTime> times;
-    std::vector<std::vector<QImage>> candidates;  // upright, per time
-    std::vector<int> expected;
-    for (int i = 0; i < kCount; ++i) {
-      times.push_back(RationalTime(duration.value() * i, duration.timescale() * kCount));
-      candidates.emplace_back();
-      for (const Frame& f : frames) {
-        const RationalTime gap = f.time - frames.front().time - times.back();
-        if (std::max(gap, RationalTime::zero() - gap) <= ThumbnailGenerator::kTolerance)
-          candidates.back().push_back(video.asset->video()->transform.applied(f.grey));
-      }
-      if (!candidates.back().empty()) expected.push_back(i);
+// The sample files, in order; one empty path, which skips, when the folder is absent.
+std::vector<fs::path> sampleFiles() {
+  if (!haveRealWorld()) return {fs::path()};
+  std::vector<fs::path> files;
+  for (const auto& entry : fs::recursive_directory_iterator(realWorldFile())) {
+    const auto ext = entry.path().extension();
+    if (ext == ".mp4" || ext == ".mov" || ext == ".m4v") files.push_back(entry.path());
+  }
+  std::ranges::sort(files);
+  return files;
+}
+
+class RealWorldTest : public ::testing::TestWithParam<fs::path> {};
+
+TEST_P(RealWorldTest, OpensOrIsRefusedThenPlaysFillsAFilmstripAndExports) {
+  if (GetParam().empty()) GTEST_SKIP() << "no real-world media folder";
+  ensureCoreApplication();  // the player reports through the event loop
+  const auto decoded = readFrames(GetParam());
+  auto video = LoadedVideo::load(GetParam());
+  if (decoded.empty()) {  // no decodable video: audio only, damaged
+    EXPECT_EQ(refusal(video), AppError::unsupportedFile());
+    return;
+  }
+  ASSERT_TRUE(video);
+  EXPECT_EQ(video->asset->duration(), frameSpan(decoded));
+  const auto source = decodeSmall(video->path);
+  const SpeedTimeline edit = editFor(video->asset->duration(), source.size());
+  const auto composition = compose(edit, video->asset);
+  ASSERT_TRUE(composition);
+
+  // Every frame of its own to its end, then of the edit. Exact pictures only: the clock moves on as
+  // soon as each picture shows, so catch-up sampling would rightly take over when sped up.
+  auto clock = std::make_shared<ManualClock>();
+  ASSERT_TRUE(video->attachPlayer({clock, std::make_unique<NullAudioOutput>(), 0, false}));
+  video->player->setVideoSize({kSide, kSide});
+  playsEveryChangeToTheEnd(*video->player, *clock, source);
+  video->player->replaceCurrentItem(composition);
+  playsEveryChangeToTheEnd(*video->player, *clock, source);
+
+  // A filmstrip of eight: every time with a frame within the tolerance gets a thumbnail showing one
+  // of those frames upright; the others none.
+  const RationalTime duration = video->asset->duration();
+  const auto near = [&](const Frame& f, RationalTime t) {
+    const RationalTime gap = f.time - source.front().time - t;
+    return std::max(gap, RationalTime::zero() - gap) <= ThumbnailGenerator::kTolerance;
+  };
+  std::vector<RationalTime> times;
+  std::vector<int> expected, delivered;
+  for (int i = 0; i < 8; ++i) {
+    times.push_back(RationalTime(duration.value() * i, duration.timescale() * 8));
+    if (std::ranges::any_of(source, [&](const Frame& f) { return near(f, times.back()); })) expected.push_back(i);
+  }
+  ThumbnailGenerator(video->asset).generate(times, 64, 1, {}, [&](ThumbnailGenerator::Thumbnail&& t) {
+    delivered.push_back(t.index);
+    double closest = 255;
+    for (const Frame& f : source) {
+      const QImage upright = video->asset->video()->transform.applied(f.grey);
+      if (near(f, times[t.index])) closest = std::min(closest, difference(greyOf(t.image), upright));
     }
-    std::vector<int> delivered;
-    ThumbnailGenerator(video.asset).generate(times, 64, 1, {}, [&](ThumbnailGenerator::Thumbnail&& t) {
-      delivered.push_back(t.index);
-      if (candidates[t.index].empty()) return;  // no frame near enough: `delivered` shows it
-      const QImage shown = greyOf(t.image);
-      const auto closest = std::ranges::min(candidates[t.index] | std::views::transform([&](const QImage& c) {
-                                              return difference(shown, c);
-                                            }));
-      EXPECT_LT(closest, kSameThumbnail) << "at " << times[t.index].toString();
-    });
-    EXPECT_EQ(delivered, expected);
-  }
-}
+    EXPECT_LT(closest, kSameThumbnail) << "thumbnail at " << times[t.index].toString();
+  });
+  EXPECT_EQ(delivered, expected);
 
-// Each file exports its edit to the composition's length, and each output frame shows the source
-// frame the timeline maps it to.
-TEST_F(RealWorldTest, EachFileExportsATrimWithA4xRegion) {
+  // The edit exported: its length, and each frame the source frame the timeline maps it to.
   QTemporaryDir dir;
   const fs::path out = dir.filePath("out.mp4").toStdString();
-  for (const LoadedVideo& video : m_videos) {
-    SCOPED_TRACE(video.path);
-    const auto source = decodeSmall(video.path);
-    const SpeedTimeline timeline = editFor(video.asset->duration(), source.size());
-    const auto composition = compose(timeline, video.asset);
-    ASSERT_TRUE(composition);
-    const auto result = Exporter::exportComposition(composition, out, {}, {});
-    ASSERT_EQ(result, Exporter::Outcome::finished) << (result ? "" : result.error().description());
-
-    RationalTime end;
-    const auto frames = decodeSmall(out, &end);
-    ASSERT_FALSE(frames.empty());
-    const RationalTime origin = frames.front().time;
-    const VideoTrack& track = *video.asset->video();
-    const RationalTime oneFrame(track.frameRate.den, track.frameRate.num);
-    const RationalTime span = end - origin;
-    EXPECT_LE(span, composition->duration() + oneFrame) << span.toString();
-    EXPECT_GE(span, composition->duration() - oneFrame) << span.toString();
-    // An output time is known to half a tick of the file's clock: either end of that span will do.
-    const RationalTime halfTick(1, 2 * origin.timescale());
-    for (const Frame& f : frames) {
-      const RationalTime o = f.time - origin;
-      const auto differenceAt = [&](RationalTime t) {
-        return difference(f.grey, frameAt(source, timeline.sourceTimeForOutput(t)).grey);
-      };
-      EXPECT_LT(std::min(differenceAt(o - halfTick), differenceAt(o + halfTick)), kSameExportedFrame)
-          << "output " << o.toString();
-    }
+  const auto result = Exporter::exportComposition(composition, out, {}, {});
+  ASSERT_EQ(result, Exporter::Outcome::finished) << (result ? "" : result.error().description());
+  RationalTime end;
+  const auto frames = decodeSmall(out, &end);
+  ASSERT_FALSE(frames.empty());
+  const RationalTime origin = frames.front().time;
+  const double oneFrame = av_q2d(av_inv_q(video->asset->video()->frameRate));
+  EXPECT_LE(std::abs((end - origin - composition->duration()).seconds()), oneFrame) << (end - origin).toString();
+  // An output time is known to half a tick of the file's clock: either end of that span will do.
+  const RationalTime halfTick(1, 2 * origin.timescale());
+  for (const Frame& f : frames) {
+    const RationalTime o = f.time - origin;
+    const auto differenceAt = [&](RationalTime t) {
+      return difference(f.grey, frameAt(source, edit.sourceTimeForOutput(t)).grey);
+    };
+    EXPECT_LT(std::min(differenceAt(o - halfTick), differenceAt(o + halfTick)), kSameExportedFrame)
+        << "exported frame at " << o.toString();
   }
 }
+
+INSTANTIATE_TEST_SUITE_P(Samples, RealWorldTest, ::testing::ValuesIn(sampleFiles()), [](const auto& sample) {
+  std::string name = sample.param.empty() ? "none" : fs::relative(sample.param, realWorldFile()).string();
+  std::ranges::replace_if(
+      name, [](char c) { return !std::isalnum(static_cast<unsigned char>(c)); }, '_');
+  return name;
+});
 
 }  // namespace
 }  // namespace vantrix
