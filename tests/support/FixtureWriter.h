@@ -1,24 +1,19 @@
 #pragma once
 
-// Internal to the fixture library: encoding one recipe, and the recipe's frame timing that the
-// writer and the public frameTime/frameCount share.
+// Internal to the fixture library: drawing the frame code, and writing one recipe uncached.
 
 #include "MediaFixture.h"
 
-#include <cstdint>
-#include <filesystem>
-
 namespace vantrix::testing {
 
-// Writes the undamaged file of `recipe` to `path` with libavformat/libavcodec. Throws
-// std::runtime_error naming the failing step; a partly written file may remain at `path`.
-void writeFixture(const FixtureSpec& recipe, const std::filesystem::path& path);
+// Values 0 .. kBarcodeLimit - 1 can be drawn: about nine hours of frames at 30 fps.
+inline constexpr std::int64_t kBarcodeLimit = std::int64_t{1} << 20;
 
-// Ticks per second of the recipe's video stream.
-std::int64_t videoTimescale(const FixtureSpec& recipe);
-// Start of source frame i in those ticks (frame i + 1 gives its end).
-std::int64_t frameTicks(const FixtureSpec& recipe, std::int64_t frameIndex);
-// Throws std::runtime_error when the recipe asks for something the writer cannot make.
-void validate(const FixtureSpec& recipe);
+// The code for `value` filling a Format_Grayscale8 picture of only 0 and 255, upright as displayed; throws
+// std::out_of_range for a value or size it cannot draw.
+QImage drawBarcode(std::int64_t value, int width, int height);
+
+// Writes the undamaged file of `recipe` to `path`; throws std::runtime_error naming the refusal or the failing step.
+void writeFixture(const FixtureSpec& recipe, const std::filesystem::path& path);
 
 }  // namespace vantrix::testing
