@@ -1,6 +1,3 @@
-// Faults from outside the program: the open video deleted, cut short or replaced under the editor,
-// a full disk, a read-only session folder, no sound device, and a video hours long.
-
 #include "AppTestSupport.h"
 
 #include <sys/mount.h>
@@ -9,22 +6,13 @@
 
 #include <fstream>
 
-namespace vantrix {
-namespace {
+namespace vantrix::testing {
 
-using namespace vantrix::testing;
-
-QByteArray bytesOf(const QString& file) {
-  QFile f(file);
-  return f.open(QIODevice::ReadOnly) ? f.readAll() : QByteArray();
-}
-
-// Under an open video its file is deleted, cut short in place, or replaced by renaming another video
-// over it as editors save; or the disk of the sessions and the export fills up, or turns read-only.
-// Playback (standard services: a sound device or silence) and stills show the opened video or
-// nothing, the edit stands, no session is damaged or written for another file, the export fails
-// and leaves no file, and once the disk is mended the next one saves the edit and writes the file.
-// The disk rows need a tmpfs, mounted where allowed, as in the mount namespace of CMakeLists.txt.
+// Under an open video its file is deleted, cut short in place, or replaced (renamed over, as editors
+// save); or the disk of the sessions and the export fills up or turns read-only. Playback (with a
+// sound device or none) and stills show the opened video or nothing, the edit stands, no session is
+// damaged or written for another file, the export fails and leaves no file, and after mending the
+// next one saves the edit and writes the file. The disk rows need a tmpfs (see CMakeLists.txt).
 TEST_F(AppModelTest, FaultsUnderAnOpenVideoLoseNoEditAndShowNoOtherVideo) {
   const fs::path other = fixture({.width = 320, .height = 240, .frameRateNum = 10, .seconds = 3, .gopFrames = 5});
   const fs::path disk = dir() / "disk", out = disk / "out.mp4";
@@ -61,12 +49,11 @@ TEST_F(AppModelTest, FaultsUnderAnOpenVideoLoseNoEditAndShowNoOtherVideo) {
     model->addSegment(ms(500), ms(1000), Speed::x2);
     model->requestThumbnails(4, 30, 1);
     ASSERT_TRUE(waitUntil([&] { return strips == 1; }));
-    const QString session = SessionStore().sessionFilePath(qs(clip));
-    const QByteArray saved = bytesOf(session);
+    const fs::path session = SessionStore().sessionFilePath(qs(clip)).toStdString();
+    const auto saved = fs::last_write_time(session);
     const std::vector<QImage> stills = (runEventsFor(50), model->thumbnails());
     model->togglePlayPause();
-    ASSERT_TRUE(waitUntil([&] { return model->currentTime() > ms(300); }));
-    EXPECT_EQ(player.error(), std::nullopt);
+    ASSERT_TRUE(waitUntil([&] { return model->currentTime() > ms(300); }) && !player.error());
     LogCapture log;
     breakIt(clip);
     runEventsFor(300);
@@ -77,7 +64,7 @@ TEST_F(AppModelTest, FaultsUnderAnOpenVideoLoseNoEditAndShowNoOtherVideo) {
     EXPECT_TRUE(logLine.isEmpty() ? lines.isEmpty()
                                   : lines.size() == 1 && lines[0].contains(QRegularExpression(logLine)))
         << lines.join('\n').toStdString();
-    EXPECT_EQ(bytesOf(session), saved);
+    EXPECT_EQ(fs::last_write_time(session), saved);
 
     ASSERT_TRUE(installed(*model));
     model->seek(ms(2050));  // source frame 61
@@ -108,26 +95,26 @@ TEST_F(AppModelTest, FaultsUnderAnOpenVideoLoseNoEditAndShowNoOtherVideo) {
   umount2(disk.c_str(), MNT_DETACH);
 }
 
-// Two hours at 1 frame a second: seeks show their own frames, and a trim deep inside exports to
-// its exact length with the frames it holds.
+// Two hours at 1 frame a second: seeks show their own frames (those outside the video park at its
+// ends), and a trim deep inside exports to its exact length with the frames it holds.
 TEST_F(AppModelTest, ALongVideoScrubsAndExportsATrim) {
   auto model = openModel(fixture(
       {.width = 64, .height = 48, .frameRateNum = 1, .seconds = 7200, .audio = AudioLayout::none, .gopFrames = 60}));
   const Player& player = *model->player();
-  for (const std::int64_t second : {7199, 0, 3600, 59, 61, 5432}) {
-    model->seek(ms(second * 1000 + 500));
-    EXPECT_TRUE(waitUntil([&] { return player.currentFrame() && readBarcode(player.currentFrame()->image) == second; }))
-        << second;
+  for (const auto& [to, at] : {std::pair{7199500, 7199500}, {-500, 0}, {3600500, 3600500}, {9000000, 7200000}}) {
+    model->seek(ms(to));
+    EXPECT_EQ(model->currentTime(), ms(at));
+    EXPECT_TRUE(waitUntil([&] {
+      return player.currentFrame() && readBarcode(player.currentFrame()->image) == std::min(at / 1000, 7199);
+    })) << to;
   }
   model->setTrim(ms(3600000), ms(3604000));
   ASSERT_TRUE(installed(*model) && exportTo(*model, dir() / "trim.mp4"));
-  ASSERT_EQ(model->activeError(), std::nullopt);
-  EXPECT_EQ(m_revealed, std::vector{qs(dir() / "trim.mp4")});
+  EXPECT_TRUE(!model->activeError() && m_revealed == std::vector{qs(dir() / "trim.mp4")});
   const auto frames = readFrames(dir() / "trim.mp4");
   ASSERT_EQ(frames.size(), 4u);
   EXPECT_EQ(frames.back().time + frames.back().duration - frames.front().time, RationalTime(4, 1));
   for (std::size_t i = 0; i < frames.size(); ++i) EXPECT_EQ(frames[i].barcode, 3600 + static_cast<std::int64_t>(i));
 }
 
-}  // namespace
-}  // namespace vantrix
+}  // namespace vantrix::testing

@@ -1,8 +1,7 @@
 #pragma once
 
-// The app model tests' fixture: a folder and a session folder (XDG_DATA_HOME) per test, copies of
-// the test clip, models on the window's undo stack with the export's dialogs answered, and services
-// the test can hold.
+// The app model tests' fixture: a folder and session folder (XDG_DATA_HOME) per test, clip copies,
+// models on the window's undo stack with its dialogs answered, and services the test holds.
 
 #include "app/AppModel.h"
 #include "app/FileRevealer.h"
@@ -25,7 +24,7 @@ inline RationalTime ms(std::int64_t v) { return {v, 1000}; }
 inline QString qs(const fs::path& p) { return QString::fromStdString(p.string()); }
 
 // A model's document, selection and marks, and the playhead, in ms: the trim, each segment with its
-// speed (* when selected), the marks in brackets and @ the playhead, as in "0-3000 500-1000x2* [800-] @1200".
+// speed (* when selected), the marks in brackets, @ the playhead: "0-3000 500-1000x2* [800-] @1200".
 inline std::string describe(const AppModel& m, bool withPlayhead = true) {
   const auto t = [](std::optional<RationalTime> v) {
     return v ? std::to_string(v->convertedToTimescale(1000).value()) : "";
@@ -38,10 +37,10 @@ inline std::string describe(const AppModel& m, bool withPlayhead = true) {
   return withPlayhead ? out + " @" + t(m.currentTime()) : out;
 }
 
-// Services the test holds. While `holdLoad` is set, the load of `heldLoad` waits (and then ends even
-// if asked to stop, as on a slow disk); while `holdBuilds` is, preview builds wait, and they fail
-// while `failBuilds` is; while `holdStrip` is, a filmstrip of `heldStrip` stills waits (and then
-// runs to its end, as a slow decoder would). The player runs on `clock`, moved by the test only.
+// While `holdLoad` is set, the load of `heldLoad` waits (then ends even if asked to stop, as on a
+// slow disk); while `holdBuilds` is, preview builds wait, and fail while `failBuilds` is; while
+// `holdStrip` is, a filmstrip of `heldStrip` stills waits (then runs to its end, as a slow decoder
+// would). The player runs on `clock`, which only the test moves.
 struct Rig {
   fs::path heldLoad;
   std::size_t heldStrip = 0;
@@ -50,20 +49,21 @@ struct Rig {
   std::shared_ptr<ManualClock> clock = std::make_shared<ManualClock>();
 
   AppServices services() {
+    const auto waitWhile = [](const std::atomic<bool>& held) { waitUntil([&] { return !held; }, 20000, false); };
     AppServices s = realServices();
-    s.loadVideo = [this, real = s.loadVideo](const fs::path& path, std::stop_token stop) {
-      if (path == heldLoad) waitUntil([&] { return !holdLoad; }, 20000, false);
+    s.loadVideo = [=, this, real = s.loadVideo](const fs::path& path, std::stop_token stop) {
+      if (path == heldLoad) waitWhile(holdLoad);
       auto result = real(path, {});
       loadsStopped += stop.stop_requested(), ++loadsReturned;
       return result;
     };
-    s.buildComposition = [this, real = s.buildComposition](const SpeedTimeline& t, const auto& asset) {
-      waitUntil([&] { return !holdBuilds; }, 20000, false);
+    s.buildComposition = [=, this, real = s.buildComposition](const SpeedTimeline& t, const auto& asset) {
+      waitWhile(holdBuilds);
       return failBuilds ? std::unexpected(AppError::compositionFailed()) : real(t, asset);
     };
-    s.generateThumbnails = [this, real = s.generateThumbnails](auto& asset, auto times, double height, double scale,
-                                                               std::stop_token stop, auto& sink) {
-      if (times.size() == heldStrip) waitUntil([&] { return !holdStrip; }, 20000, false), stop = {};
+    s.generateThumbnails = [=, this, real = s.generateThumbnails](auto& asset, auto times, double height, double scale,
+                                                                  std::stop_token stop, auto& sink) {
+      if (times.size() == heldStrip) waitWhile(holdStrip), stop = {};
       real(asset, times, height, scale, stop, sink);
       ++stripsDone;
     };
@@ -82,13 +82,12 @@ class AppModelTest : public ::testing::Test, public SaveDialog, public FileRevea
                   fs::copy_options::overwrite_existing);
     return dir() / name;
   }
-  std::unique_ptr<AppModel> makeModel(AppServices services = realServices()) {
+  std::unique_ptr<AppModel> makeModel(AppServices services = realServices(), QUndoStack* undo = nullptr) {
     auto model = std::make_unique<AppModel>(SessionStore(), std::move(services));
-    model->setUndoStack(&m_undo);
+    model->setUndoStack(undo ? undo : &m_undo);
     model->setExportInterfaces(this, this);
     return model;
   }
-  // Opens `file` and waits until it is open for editing and its first composition is installed.
   static void openAndWait(AppModel& model, const fs::path& file) {
     model.openVideo(file);
     ASSERT_TRUE(waitUntil([&] { return model.phase().kind != AppModel::Phase::Kind::loading; })) << file;
@@ -99,26 +98,21 @@ class AppModelTest : public ::testing::Test, public SaveDialog, public FileRevea
     openAndWait(*model, file);
     return model;
   }
-  // Waits until the preview of the current timeline is installed.
   static bool installed(const AppModel& m) {
     return waitUntil([&] { return m.compositionTimeline() == m.timeline(); });
   }
-  // Exports to `destination` through the save dialog and waits for the export's end.
   bool exportTo(AppModel& model, const fs::path& destination) {
     m_answer = qs(destination);
     model.exportVideo();
     return waitUntil([&] { return !model.isExporting() && !model.exportProgress(); }, 60000);
   }
-  // The window's save dialog, answering m_answer, and its file browser.
-  std::optional<QString> chooseDestination(const SaveRequest& request) override {
-    return m_requests.push_back(request), m_answer;
-  }
+  // The save dialog answers m_answer; the file browser records what it was asked to show.
+  std::optional<QString> chooseDestination(const SaveRequest&) override { return m_answer; }
   void reveal(const QString& path) override { m_revealed.push_back(path); }
 
   QTemporaryDir m_tmp;
   QUndoStack m_undo;
   std::optional<QString> m_answer;
-  std::vector<SaveRequest> m_requests;
   std::vector<QString> m_revealed;
 };
 
