@@ -57,7 +57,7 @@ TEST_F(AppModelTest, FaultsUnderAnOpenVideoLoseNoEditAndShowNoOtherVideo) {
     LogCapture log;
     breakIt(clip);
     runEventsFor(300);
-    if (player.timeControlStatus() != Player::TimeControlStatus::paused) model->togglePlayPause();
+    player.pause();
     model->changeSpeed(model->timeline()->segments().front().id, Speed::x8);  // and a new preview item
     EXPECT_EQ(describe(*model, false), "0-3000 500-1000x8");
     const QStringList lines = log.messages("vantrix.app") + log.messages("vantrix.persistence");
@@ -100,12 +100,12 @@ TEST_F(AppModelTest, FaultsUnderAnOpenVideoLoseNoEditAndShowNoOtherVideo) {
 TEST_F(AppModelTest, ALongVideoScrubsAndExportsATrim) {
   auto model = openModel(fixture(
       {.width = 64, .height = 48, .frameRateNum = 1, .seconds = 7200, .audio = AudioLayout::none, .gopFrames = 60}));
-  const Player& player = *model->player();
   for (const auto& [to, at] : {std::pair{7199500, 7199500}, {-500, 0}, {3600500, 3600500}, {9000000, 7200000}}) {
     model->seek(ms(to));
     EXPECT_EQ(model->currentTime(), ms(at));
     EXPECT_TRUE(waitUntil([&] {
-      return player.currentFrame() && readBarcode(player.currentFrame()->image) == std::min(at / 1000, 7199);
+      return model->player()->currentFrame() &&
+             readBarcode(model->player()->currentFrame()->image) == std::min(at / 1000, 7199);
     })) << to;
   }
   model->setTrim(ms(3600000), ms(3604000));

@@ -1,7 +1,5 @@
 #include "AppTestSupport.h"
 
-#include <QSignalSpy>
-
 namespace vantrix::testing {
 using Status = Player::TimeControlStatus;
 
@@ -45,7 +43,6 @@ TEST_F(AppModelTest, ThePreviewFilmstripAndExportFollowTheEdits) {
   EXPECT_EQ(player.currentTime(), ms(850));  // source 1.6 s in the new preview
   rig.clock->advance(std::chrono::milliseconds(100));
   EXPECT_TRUE(shows(player, Status::playing, 51));
-  model->togglePlayPause();
   model->seek(ms(2000));
   EXPECT_EQ(player.currentTime(), ms(1250));
   EXPECT_EQ(installs.count(), 1);
@@ -58,8 +55,7 @@ TEST_F(AppModelTest, ThePreviewFilmstripAndExportFollowTheEdits) {
   rig.holdStrip = false;
   ASSERT_TRUE(waitUntil([&] { return rig.stripsDone == 2; }));
   runEventsFor(100);  // for what it posted
-  ASSERT_EQ(model->thumbnails().size(), 3u);
-  for (int i = 0; i < 3; ++i) EXPECT_EQ(readBarcode(model->thumbnails()[i]), 90 * i / 3) << i;
+  for (int i = 0; i < 3; ++i) EXPECT_EQ(readBarcode(model->thumbnails().at(i)), 90 * i / 3) << i;
 
   // The export of the installed preview reveals the file (what the file holds the long video's trim
   // proves); a cancelled one leaves nothing and shows nothing.

@@ -1,7 +1,6 @@
 #pragma once
 
-// Shared with the window tests: waiting on the GUI thread's event loop, and the application's real
-// services without a sound device.
+// Shared with the window tests: waits on the GUI thread's event loop, and the real services.
 
 #include "app/AppServices.h"
 
@@ -9,8 +8,7 @@
 
 namespace vantrix::testing {
 
-// Waits until `done` holds or `timeoutMs` passes, running the GUI thread's events unless told not
-// to; returns `done()`.
+// Waits until `done` holds or `timeoutMs` passes, running the GUI thread's events unless told not to.
 bool waitUntil(const std::function<bool()>& done, int timeoutMs = 10000, bool runEvents = true);
 // Runs the GUI thread's events for a while, for checks that something does NOT happen.
 void runEventsFor(int milliseconds);

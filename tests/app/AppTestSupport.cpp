@@ -2,7 +2,6 @@
 
 #include <QGuiApplication>
 
-// Every test runs on a headless GUI application, which the model and the player need.
 int main(int argc, char** argv) {
   if (qEnvironmentVariableIsEmpty("QT_QPA_PLATFORM")) qputenv("QT_QPA_PLATFORM", "offscreen");
   QGuiApplication app(argc, argv);

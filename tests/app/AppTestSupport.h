@@ -15,6 +15,7 @@
 #include <gtest/gtest.h>
 
 #include <QFile>
+#include <QSignalSpy>
 #include <QTemporaryDir>
 
 namespace vantrix::testing {
@@ -38,13 +39,13 @@ inline std::string describe(const AppModel& m, bool withPlayhead = true) {
 }
 
 // While `holdLoad` is set, the load of `heldLoad` waits (then ends even if asked to stop, as on a
-// slow disk); while `holdBuilds` is, preview builds wait, and fail while `failBuilds` is; while
-// `holdStrip` is, a filmstrip of `heldStrip` stills waits (then runs to its end, as a slow decoder
-// would). The player runs on `clock`, which only the test moves.
+// slow disk); while `holdBuilds` is, preview builds wait; while `holdStrip` is, a filmstrip of
+// `heldStrip` stills waits (then runs to its end, as a slow decoder would). The player runs on
+// `clock`, which only the test moves.
 struct Rig {
   fs::path heldLoad;
   std::size_t heldStrip = 0;
-  std::atomic<bool> holdLoad = true, holdBuilds = false, failBuilds = false, holdStrip = false;
+  std::atomic<bool> holdLoad = true, holdBuilds = false, holdStrip = false;
   std::atomic<int> loadsReturned = 0, loadsStopped = 0, stripsDone = 0;  // stopped: asked to stop first
   std::shared_ptr<ManualClock> clock = std::make_shared<ManualClock>();
 
@@ -59,7 +60,7 @@ struct Rig {
     };
     s.buildComposition = [=, this, real = s.buildComposition](const SpeedTimeline& t, const auto& asset) {
       waitWhile(holdBuilds);
-      return failBuilds ? std::unexpected(AppError::compositionFailed()) : real(t, asset);
+      return real(t, asset);
     };
     s.generateThumbnails = [=, this, real = s.generateThumbnails](auto& asset, auto times, double height, double scale,
                                                                   std::stop_token stop, auto& sink) {
@@ -78,8 +79,7 @@ class AppModelTest : public ::testing::Test, public SaveDialog, public FileRevea
   fs::path dir() const { return m_tmp.path().toStdString(); }
   // A private copy of the test clip: 3 s at 30 frames a second, a keyframe every 15, with sound.
   fs::path copyClip(const std::string& name = "clip.mp4") const {
-    fs::copy_file(fixture({.width = 160, .height = 120, .seconds = 3, .gopFrames = 15}), dir() / name,
-                  fs::copy_options::overwrite_existing);
+    fs::copy_file(fixture({.width = 160, .height = 120, .seconds = 3, .gopFrames = 15}), dir() / name);
     return dir() / name;
   }
   std::unique_ptr<AppModel> makeModel(AppServices services = realServices(), QUndoStack* undo = nullptr) {
@@ -106,7 +106,6 @@ class AppModelTest : public ::testing::Test, public SaveDialog, public FileRevea
     model.exportVideo();
     return waitUntil([&] { return !model.isExporting() && !model.exportProgress(); }, 60000);
   }
-  // The save dialog answers m_answer; the file browser records what it was asked to show.
   std::optional<QString> chooseDestination(const SaveRequest&) override { return m_answer; }
   void reveal(const QString& path) override { m_revealed.push_back(path); }
 
