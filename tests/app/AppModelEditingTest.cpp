@@ -80,11 +80,13 @@ TEST_F(AppModelTest, SessionsRestoreTheEditsOrStartFreshAndSayWhy) {
     m_undo.redo();
     EXPECT_EQ(describe(*model), "250-2750 500-1000x2 @250");
     EXPECT_EQ(QFile::exists(SessionStore().sessionFilePath(qs(clip))), name != "no bookmark");
+    const Uuid id = model->timeline()->segments()[0].id;
     model.reset();
     spoil(clip);
     LogCapture log;
     model = openModel(clip);
     EXPECT_EQ(describe(*model), name == "kept" ? "250-2750 500-1000x2 @0" : "0-3000 @0");
+    EXPECT_TRUE(name != "kept" || model->timeline()->segments()[0].id != id);  // restored with a fresh id
     EXPECT_EQ(log.messages(category), line.isEmpty() ? QStringList() : QStringList{line});
   }
 }
