@@ -131,7 +131,7 @@ std::expected<bool, MediaError> AudioSampleSource::decodeMore() {
     }
     if (m_input.stopRequested())
       return std::unexpected(MediaError::own(MediaError::Code::cancelled, "Decoding the sound of " + name));
-    const int read = av_read_frame(m_input.context(), m_packet.get());
+    const int read = m_input.read(m_packet.get());
     PacketUnref unref(m_packet.get());
     if (read == AVERROR_EOF) {
       avcodec_send_packet(m_codec.get(), nullptr);

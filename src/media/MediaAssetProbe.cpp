@@ -83,7 +83,7 @@ std::expected<bool, MediaError> readPackets(MediaInput& input, int streamIndex, 
   if (!packet) return std::unexpected(MediaError::ffmpeg(AVERROR(ENOMEM), "Reading packets of " + name));
   std::int64_t previousDts = AV_NOPTS_VALUE;
   for (int counted = 0; limit <= 0 || counted < limit;) {
-    const int r = av_read_frame(input.context(), packet.get());
+    const int r = input.read(packet.get());
     if (r == AVERROR_EOF) return true;
     if (r < 0) return std::unexpected(mediaCallFailed(r, input.stopRequested(), "Reading packets of " + name));
     PacketUnref unref(packet.get());

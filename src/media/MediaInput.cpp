@@ -2,6 +2,22 @@
 
 namespace vantrix {
 
+void MediaInput::setStopToken(std::stop_token stop) {
+  *m_stop = std::move(stop);
+  AVIOContext* io = m_context ? m_context->pb : nullptr;
+  if (io != nullptr && io->error == AVERROR_EXIT) {
+    io->error = 0;
+    io->eof_reached = 0;
+  }
+}
+
+int MediaInput::read(AVPacket* packet) {
+  const int r = av_read_frame(m_context.get(), packet);
+  if (r < 0 || !stopRequested()) return r;
+  av_packet_unref(packet);
+  return AVERROR_EXIT;
+}
+
 int MediaInput::interrupted(void* token) {
   return static_cast<const std::stop_token*>(token)->stop_requested() ? 1 : 0;
 }

@@ -25,9 +25,16 @@ class MediaInput {
   AVFormatContext* context() const { return m_context.get(); }
   AVStream* stream(int index) const { return m_context->streams[index]; }
 
-  // Replaces the token that interrupts I/O, e.g. for the next request on a long-lived reader.
-  void setStopToken(std::stop_token stop) { *m_stop = std::move(stop); }
+  // Replaces the token that interrupts I/O, e.g. for the next request on a long-lived reader. An
+  // interruption of the previous request does not carry over: FFmpeg keeps a failed read's error
+  // and end-of-file mark on the I/O context, and the next read would fail with it.
+  void setStopToken(std::stop_token stop);
   bool stopRequested() const { return m_stop->stop_requested(); }
+
+  // The next packet (av_read_frame). Fails with AVERROR_EXIT once the stop token is triggered,
+  // also when the read itself came back: an interruption part-way through a packet can leave it
+  // cut short, and a decoder must never see such a packet.
+  int read(AVPacket* packet);
 
  private:
   MediaInput() = default;

@@ -91,7 +91,7 @@ std::expected<bool, MediaError> VideoDecoder::feed() {
     if (m_input.stopRequested())
       return std::unexpected(
           MediaError::own(MediaError::Code::cancelled, "Decoding " + m_asset->path().filename().string()));
-    int r = av_read_frame(m_input.context(), m_packet.get());
+    int r = m_input.read(m_packet.get());
     PacketUnref unref(m_packet.get());
     if (r >= 0 && m_packet->stream_index != stream) continue;
     // Decode timestamps only grow within a stream. Some demuxers jump back after a seek in files

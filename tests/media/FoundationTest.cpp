@@ -1,6 +1,7 @@
 // The media foundation: errors, opening a video, the composition plan and filmstrip thumbnails.
 
 #include "media/LoadedVideo.h"
+#include "media/MediaInput.h"
 #include "media/ThumbnailGenerator.h"
 
 #include "LogCapture.h"
@@ -133,6 +134,25 @@ std::vector<Range> rangesOf(RationalTime trimStart, RationalTime trimEnd, const 
 }
 
 // The worked example's four ranges are checked through build() below.
+// The player keeps its demuxer from one request to the next: a read that the previous request's
+// stop interrupted must not fail the next request (FFmpeg keeps the failure on the I/O context).
+TEST(MediaInput, AnInterruptedReadEndsOnlyItsOwnRequest) {
+  std::stop_source first;
+  auto input = MediaInput::open(fixture({.seconds = 3}), first.get_token());
+  ASSERT_TRUE(input);
+  PacketPtr packet = makePacket();
+  first.request_stop();
+  int r = 0;
+  for (int i = 0; i < 1000 && r >= 0; ++i, av_packet_unref(packet.get())) r = av_read_frame(input->context(), packet.get());
+  ASSERT_EQ(r, AVERROR_EXIT) << "the stop reached a read that had to wait for the file";
+  EXPECT_EQ(input->read(packet.get()), AVERROR_EXIT);
+  input->setStopToken(std::stop_source().get_token());
+  int packets = 0;
+  for (; (r = input->read(packet.get())) >= 0; av_packet_unref(packet.get())) ++packets;
+  EXPECT_EQ(r, AVERROR_EOF);
+  EXPECT_GT(packets, 10);
+}
+
 TEST(CompositionBuilder, RangesCoverTheTrimWithGapsOnlyWhereNeeded) {
   const std::optional<Speed> normal;
   EXPECT_EQ(rangesOf(s(0), s(60), {}), (std::vector<Range>{{s(0), s(60), normal}}));
